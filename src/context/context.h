@@ -1,0 +1,69 @@
+// The one record of run state shared by every subsystem, the four test
+// variables, and the few helpers every subsystem prints through.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+inline constexpr std::size_t kIoBufferSize = 262144;   // largest record a data command moves
+inline constexpr std::size_t kFileNameSize = 200;      // 199 characters and a terminator
+inline constexpr std::size_t kInputLineSize = 256;     // 255 typed characters and a terminator
+inline constexpr std::size_t kInquiryDataSize = 69;
+inline constexpr int32_t kPlatformLinux = 6;
+
+struct TestContext {
+    int32_t platform;
+    char input_line[kInputLineSize];
+    char value_text[256];
+    int32_t device_handle;
+    double bytes_transferred;
+    int64_t buffer_override;
+    int32_t buffer_override_armed;
+    int32_t skip_count;
+    char batch_input_file[kFileNameSize];
+    char batch_output_file[kFileNameSize];
+    char special_file[kFileNameSize];
+    char open_device[400];
+    int32_t input_file_given;
+    int32_t output_file_given;
+    int32_t special_file_given;
+    int32_t trace;
+    int32_t line_number;
+    int32_t result_code;
+    int32_t failed_line;
+    time_t start_time;
+    alignas(64) uint8_t io_buffer[kIoBufferSize];
+    int32_t all_operations;
+    uint8_t inquiry_data[kInquiryDataSize];
+};
+
+// Zero-filled before main runs; start-up gives the fields their start values.
+extern TestContext test_context;
+
+// Test variables (process-wide, signed 64-bit).
+extern int64_t sector_size;
+extern int64_t block_count;
+extern int64_t block_seek;
+extern int64_t block_max;
+
+// Result codes.
+inline constexpr int32_t kResultOk = 0;
+inline constexpr int32_t kResultCheckFailed = -1;
+inline constexpr int32_t kResultSyntaxError = -2;
+inline constexpr int32_t kResultExit = -3;
+
+// "batch file syntax error, line %d \n" on standard output, result code -2.
+void report_syntax_error();
+
+// A "TTRACE" style line: written and flushed only while tracing (-t) is on.
+void ttrace(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Puts every start value of the context and the test variables in place
+// (start-up steps 2 and 4 to 6; the seeding of rand is main's).
+void reset_test_context();
+
+// Copies text into a fixed field; returns false, leaving the field untouched,
+// when the text does not fit (a name is never stored cut short).
+bool copy_to_field(char* field, std::size_t field_size, const char* text);

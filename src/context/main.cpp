@@ -1,0 +1,90 @@
+// Start-up: context, command line, usage text, trace facility, then the
+// batch runner or the manual test menu.
+#include <cstdlib>
+#include <cstring>
+
+#include "context/context.h"
+#include "menu/menu.h"
+#include "script/script.h"
+#include "trace/trace.h"
+
+namespace {
+
+void print_usage() {
+    printf("Usage: \n");
+    printf("  tarnwick <-f batch-input-file> <-o batch-output-file> <-d special-file> <-t>\n");
+    printf(" \n");
+}
+
+bool option_is(const char* argument, const char* option) {
+    return std::strncmp(argument, option, 2) == 0;
+}
+
+struct FileOption {
+    const char* option;
+    char* field;
+    int32_t* given;
+};
+
+// Returns false after printing the failure; the caller then ends with -2.
+bool read_command_line(int argc, char** argv) {
+    TestContext& c = test_context;
+    const FileOption file_options[] = {
+        {"-f", c.batch_input_file, &c.input_file_given},
+        {"-o", c.batch_output_file, &c.output_file_given},
+        {"-d", c.special_file, &c.special_file_given},
+    };
+    int position = 1;
+    for (;;) {
+        int mark = position;
+        if (option_is(argv[position], "-t")) {
+            c.trace = 1;
+            mark = -1;
+        }
+        // Each option looks at the argument at the current, possibly already
+        // advanced, position: "-f -o out" makes "-o" the input file name.
+        for (const FileOption& o : file_options) {
+            if (!option_is(argv[position], o.option)) continue;
+            ++position;
+            if (position >= argc) {
+                printf("Invalid syntax, file name missing after %s option \n", o.option);
+                return false;
+            }
+            // A cut-down name could name (and with -o, empty) some other
+            // file, so an over-long one is refused outright.
+            if (!copy_to_field(o.field, kFileNameSize, argv[position])) {
+                printf("Invalid syntax, file name after %s option longer than %zu characters \n",
+                       o.option, kFileNameSize - 1);
+                return false;
+            }
+            *o.given = 1;
+        }
+        if (position == mark) {
+            printf("Invalid syntax, '%s' is unrecognized. \n", argv[position]);
+            print_usage();
+            return false;
+        }
+        ++position;
+        if (position >= argc) return true;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    reset_test_context();
+    srand(static_cast<unsigned>(time(nullptr)));
+
+    if (argc > 1 && !read_command_line(argc, argv)) return kResultSyntaxError;
+
+    print_usage();
+    trace_init();
+    if (test_context.input_file_given == 1) {
+        batch_test_menu();
+    } else {
+        manual_test_menu();
+    }
+    ttrace(stdout, "TTRACE: main exit.\n");
+    return test_context.result_code;
+}

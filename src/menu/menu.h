@@ -1,0 +1,4 @@
+// Manual test menu: numbered selections turned into statements.
+#pragma once
+
+void manual_test_menu();

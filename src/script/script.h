@@ -1,0 +1,68 @@
+// Statement language: tokenizer and classifier, dispatcher, batch runner,
+// result analysis and the conditional statement.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string_view>
+
+inline constexpr int32_t kMaxTokens = 50;
+
+// Token spans of one statement line; tokens are neither copied nor terminated.
+struct TokenList {
+    int32_t start[kMaxTokens];
+    int32_t length[kMaxTokens];
+};
+
+enum class StatementKind : int32_t {
+    none = 0,
+    command = 1,
+    set = 2,
+    symbols = 3,
+    type = 4,
+    pause = 5,
+    exit = 6,
+    if_statement = 7,
+    skip = 8,
+    system = 10,
+    delay = 11,
+};
+
+// The five values one command reports and a result clause judges.
+struct CommandOutcome {
+    int32_t return_code;
+    int32_t error_number;
+    int32_t error_value;
+    int32_t residual;
+    int32_t data;
+};
+
+// Tokenizes and classifies one line; returns the token count (1..50) of a
+// well-formed statement, else 0 with kind none.
+int parse(const char* line, FILE* stream, TokenList& tokens, int32_t& command_index,
+          int32_t& result_index, int32_t& statement_index, StatementKind& kind);
+
+// Executes one statement; failures show in test_context.result_code.
+void process(const char* line, FILE* stream);
+
+// Name of an error number from the symbol table, "?" when it has none.
+const char* errno_name(int32_t value);
+
+// Digits of a counted text to a 32-bit number (wrapping; no character refused).
+int32_t decimal_value(const char* text, int32_t length);
+
+void execute_delay(FILE* stream, int32_t seconds);
+
+void batch_test_menu();
+void newline_to_blank(char* buffer, std::size_t length);
+
+int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t first, int32_t count,
+            int32_t return_code, int32_t error_number, int32_t error_value, int32_t residual,
+            int32_t data);
+// relation points into the statement line at the relation token.
+int as_expected(int32_t actual, const char* relation, int32_t expected);
+const char* symbolic_value(const char* text, int32_t length);
+void ps_return_error(FILE* stream, int32_t* error_value, int32_t* residual);
+
+int execute_if(const char* line, FILE* stream, const TokenList& tokens, int32_t count);
