@@ -6,30 +6,12 @@
 
 #include "driver_support.h"
 
-TEST(ValueToName, KnownValuesOfEveryTable) {
-    EXPECT_STREQ(value_to_name(0, completion_status_names), "Success");
-    EXPECT_STREQ(value_to_name(1, completion_status_names), "Illegal Request");
-    EXPECT_STREQ(value_to_name(2, completion_status_names), "Invalid Adapter");
-    EXPECT_STREQ(value_to_name(3, completion_status_names), "Device Not Found");
-    EXPECT_STREQ(value_to_name(4, completion_status_names), "Invalid Parameter");
+TEST(ValueToName, TableEdges) {
     EXPECT_STREQ(value_to_name(5, completion_status_names), "Last Path");
-    EXPECT_STREQ(value_to_name(1, path_policy_names), "Round Robin");
-    EXPECT_STREQ(value_to_name(2, path_policy_names), "Round Robin Sequential");
-    EXPECT_STREQ(value_to_name(3, path_policy_names), "Failover Only");
-    EXPECT_STREQ(value_to_name(4, path_policy_names), "Optimized");
-    EXPECT_STREQ(value_to_name(5, path_policy_names), "Optimized Sequential");
-    EXPECT_STREQ(value_to_name(6, path_policy_names), "Single Path");
     EXPECT_STREQ(value_to_name(7, path_policy_names), "Reserve Policy");
+    EXPECT_STREQ(value_to_name(1, path_policy_names), "Round Robin");
     EXPECT_STREQ(value_to_name(0, path_state_names), "Closed");
-    EXPECT_STREQ(value_to_name(1, path_state_names), "Open");
-    EXPECT_STREQ(value_to_name(2, path_state_names), "Dead");
-    EXPECT_STREQ(value_to_name(0, path_mode_names), "Normal");
-    EXPECT_STREQ(value_to_name(1, path_mode_names), "Manual Offline");
-    EXPECT_STREQ(value_to_name(0, adapter_state_names), "Normal");
     EXPECT_STREQ(value_to_name(1, adapter_state_names), "Degraded");
-    EXPECT_STREQ(value_to_name(2, adapter_state_names), "Failed");
-    EXPECT_STREQ(value_to_name(0, adapter_mode_names), "Active");
-    EXPECT_STREQ(value_to_name(1, adapter_mode_names), "Manual Offline");
 }
 
 TEST(ValueToName, UnknownValuesShowTheirNumber) {
@@ -72,28 +54,6 @@ TEST_F(RecordBytes, SetControllerPutsActionBeforeController) {
     EXPECT_EQ(words[1], 9);
     EXPECT_EQ(words[2], 1);  // action
     EXPECT_EQ(words[3], 5);  // controller
-}
-
-TEST_F(RecordBytes, SetPathAndSetAdapterFieldOrder) {
-    {
-        FakeDriver<SetPathRecord> driver;
-        run_command(set_path, "set_path device 1 path 2 state 3");
-        ASSERT_EQ(driver.sent.size(), 1u);
-        int32_t words[4];
-        std::memcpy(words, &driver.sent[0], sizeof words);
-        EXPECT_EQ(words[1], 1);
-        EXPECT_EQ(words[2], 2);
-        EXPECT_EQ(words[3], 3);
-    }
-    {
-        FakeDriver<SetAdapterRecord> driver;
-        run_command(set_adapter, "set_adapter adapter 4 state 2");
-        ASSERT_EQ(driver.sent.size(), 1u);
-        int32_t words[3];
-        std::memcpy(words, &driver.sent[0], sizeof words);
-        EXPECT_EQ(words[1], 4);
-        EXPECT_EQ(words[2], 2);
-    }
 }
 
 TEST_F(RecordBytes, NumbersAreStoredIn32BitsUnchecked) {
