@@ -35,8 +35,8 @@ struct Menu {
     }
     Next read_or_leave() { return read_line() ? Next::stay : Next::leave; }
     bool line_empty() const { return line[0] == '\n' || line[0] == '\0'; }
-    long line_number() const { return strtol(line, nullptr, 10); }
-    int32_t line_int() const { return static_cast<int32_t>(line_number()); }
+    long answer_number() const { return strtol(line, nullptr, 10); }
+    int32_t answer_int() const { return static_cast<int32_t>(answer_number()); }
 
     Next message(const char* text) {
         fprintf(out, "%s\n", text);
@@ -93,7 +93,7 @@ Next set_local_flags(Menu& m) {
     fprintf(m.out, " Controls:     (8) pause    (9) compress (10) dump \n");
     fprintf(m.out, "enter flag to change or return to continue: ");
     if (!m.read_line()) return Next::leave;
-    int32_t choice = m.line_int();
+    int32_t choice = m.answer_int();
     fprintf(m.out, "flag value (0/1): ");
     if (!m.read_line()) return Next::leave;
     if (choice < 1 || choice > static_cast<int32_t>(kChoiceBits.size())) return Next::stay;
@@ -106,7 +106,7 @@ Next set_local_flags(Menu& m) {
 Next set_bytes_requested(Menu& m) {
     fprintf(m.out, "enter bytes requested or return to continue: ");
     if (!m.read_line()) return Next::leave;
-    if (!m.line_empty()) trace_state.record.bytes_requested = static_cast<uint32_t>(m.line_number());
+    if (!m.line_empty()) trace_state.record.bytes_requested = static_cast<uint32_t>(m.answer_number());
     return Next::stay;
 }
 
@@ -124,7 +124,7 @@ Next set_filter_mask(Menu& m) {
     fprintf(m.out, " Macros:       (1) entry     (2) exit    (3) debug\n");
     fprintf(m.out, "enter flag to change or return to continue: ");
     if (!m.read_line()) return Next::leave;
-    int32_t choice = m.line_int();
+    int32_t choice = m.answer_int();
     fprintf(m.out, "flag value (0/1): ");
     if (!m.read_line()) return Next::leave;
     if (choice < 1 || choice > static_cast<int32_t>(kFilterBits.size())) return Next::stay;
@@ -144,7 +144,7 @@ Next set_trace_output(Menu& m) {
     fprintf(m.out, "enter (1)stdout (2)stderr (3)batch_out (4)trace_out\n");
     fprintf(m.out, "or return to continue: ");
     if (!m.read_line()) return Next::leave;
-    int32_t choice = m.line_int();
+    int32_t choice = m.answer_int();
     if (choice < 1 || choice > 4) return Next::stay;
     if (choice == 4) {
         // Asked before the old output is closed, so that end of input here
@@ -308,7 +308,7 @@ int trace_menu_session(FILE* stream, FILE* input, FILE* output) {
     for (;;) {
         show_menu(m);
         if (!m.read_line()) return 99;
-        if (carry_out(m, m.line_int()) == Next::leave) return 99;
+        if (carry_out(m, m.answer_int()) == Next::leave) return 99;
     }
 }
 
