@@ -7,7 +7,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 cd "$here"
 cmake --preset bench >/dev/null
-cmake --build --preset bench >/dev/null
+cmake --build --preset bench --target tarnwick tarnwick_pattern_bench >/dev/null
 tool=$here/build/bench/tarnwick
 micro=$here/build/bench/bench/tarnwick_pattern_bench
 

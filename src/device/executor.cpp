@@ -97,9 +97,8 @@ int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outc
 
     if (device.substr(0, 2) == "$D") {
         if (c.special_file_given) {
-            // special_file is 199 characters at most, so it always fits.
-            std::snprintf(name, sizeof name, "%s", c.special_file);
-            name_fits = true;
+            // special_file holds 199 characters at most, so it always fits.
+            name_fits = copy_to_field(name, sizeof name, c.special_file);
             fprintf(stream, "device file (%s) will be opened \n", name);
         } else {
             fprintf(stream, "error, no special file given on command line.\n");
