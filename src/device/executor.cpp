@@ -191,7 +191,9 @@ int execute_command(const char* line, FILE* stream, const TokenList& tokens, int
     ttrace(stream, "TTRACE: execute_command entered (%s).\n", line);
 
     int64_t size = record_size();
-    if (size > static_cast<int64_t>(kIoBufferSize)) {
+    // A blocking factor so large that the size wrapped negative is just as
+    // far beyond the buffer, and is reported the same way.
+    if (size < 0 || size > static_cast<int64_t>(kIoBufferSize)) {
         fprintf(stream, "Data transfer size of %ld exceeds maximum supported %d \n", static_cast<long>(size),
                 static_cast<int>(kIoBufferSize));
         report_syntax_error();
