@@ -6,7 +6,7 @@ load menu_session
 
 setup() {
     setup_workdir
-    head -c 8192 /dev/zero > disk.img
+    head -c 32768 /dev/zero > disk.img
 }
 teardown() { teardown_workdir; }
 
@@ -44,6 +44,17 @@ outcome() {  # return code, data
         HANDLE=-1
         pass
     } | assert_file screen.txt
+}
+
+@test "22 with blocking factor 4: ten 2048-byte records and their data rate" {
+    run_menu '1\ndisk.img\n\n20\n\n2\n4\n\n22\n10\n\n99\n'
+    [ "$status" -eq 0 ]
+    grep -q 'Number of 2048 byte records to transfer: read 2048 bytes, sector = 0, data = 0, ' screen.txt
+    grep -q '^read 2048 bytes, sector = 9, data = 0, ' screen.txt
+    grep -q '^analyze return code 2048 ' screen.txt
+    # ten records of 2048 bytes; a transfer under a second divides by 1.0,
+    # one that crosses a single second boundary by 1 as well
+    grep -q '^Data rate = 20480.00 bytes/sec $' screen.raw
 }
 
 @test "full menu: 24 writes identified records, 26 reads them back and verifies" {

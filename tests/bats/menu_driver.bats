@@ -42,6 +42,27 @@ run_driver_menu() {
     } | assert_file screen.txt
 }
 
+@test "20 and 21 empty the vpath shown in the settings, even when the open is refused" {
+    run_driver_menu '20\n\n20\n\n21\n\n99\n'
+    [ "$status" -eq 0 ]
+    fd=$(sed -n 's/^analyze return code \([0-9][0-9]*\) .*/\1/p' screen.txt | head -1)
+    outcome='analyze return code %s  errno 0 (Successful) \n    error value 0 (Successful) residual 0 data 0\n'
+    {
+        usage_lines
+        pass; printf 'Enter device file name: '; pass_end
+        DEVICE_LINE='device file: 0 '
+        pass; printf 'device file (0) will be opened \nOpen mode: Read only.\n'
+        printf "$outcome" "$fd"; pass_end
+        DEVICE_LINE='device file: 0  (/dev/vpath0) ' HANDLE=$fd MAXIMUM=0
+        pass; printf 'tarnwick error in execute_command, device already open.\n'
+        printf "$outcome" 0; pass_end
+        DEVICE_LINE='device file: 0 '
+        pass; printf "$outcome" 0; pass_end
+        HANDLE=-1
+        pass
+    } | assert_file screen.txt
+}
+
 @test "read-only menu: the query selections reach the driver; 43 and 44 only bring online" {
     "$VPATHSIM" fail-adapter 1
     run_driver_menu '20\n\n41\n1\n\n42\n\n31\n0\n\n45\n0\n\n46\n1\n\n43\n1\n\n44\n1\n3\n\n53\n-1\n\n99\n'
