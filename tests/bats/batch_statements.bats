@@ -171,6 +171,15 @@ OUT
     grep -q 'Line     5 >>>  $' test.out
 }
 
+@test "skip counts at the 32-bit limits skip the rest without wrapping" {
+    for count in -2147483648 99999999999; do
+        printf 'skip %s\ntype a\nexit\n' "$count" > test.in
+        run "$TARNWICK" -f test.in -o test.out
+        [ "$status" -eq 0 ]
+        [ "$(grep -c 'line skipped' test.out)" -eq 2 ]
+    done
+}
+
 @test "a negative delay does not wait" {
     # Measured against a run without delay, so a slow start (valgrind)
     # does not count as waiting.
