@@ -77,3 +77,51 @@ malformed() {
     malformed 'if serial == ABC type x'
     grep -qx '(serial == ABC type x ) is an invalid variable name.' test.out
 }
+
+# After a get_inquiry on the simulated driver the fields hold its data.
+inquiry_run() {
+    [ -n "$VPATHSIM" ] || skip "simulated driver not built"
+    cat > topo.conf <<'CONF'
+adapter fc0
+device serial=ABC123 type=DS8K policy=3 size=1M vendor=ACME product=ROADRUNNER12WXYZ revision=9.9 devtype=0
+path sdx adapter=0
+CONF
+    VPATHSIM_STATE=$WORK/state "$VPATHSIM" init --config topo.conf
+    {
+        printf 'command open 0 RO result rc >= 0\n'
+        printf 'command get_inquiry device 0 result rc != -1\n'
+        cat
+    } > test.in
+    run "$VPATHSIM" run --state "$WORK/state" -- "$TARNWICK" -f test.in -o test.out
+}
+
+@test "tests on inquiry data: blank padding, 12 product bytes, quotes, long values" {
+    inquiry_run <<'IN'
+if vendor_id == ACME type 1
+if vendor_id == ACM type no
+if vendor_id != ACM type 2
+if vendor_id has CM type 3
+if vendor_id !has CM type no
+if vendor_id == 'ACME' type 4
+if vendor_id == "ACME" type 5
+if vendor_id == ACME____X type no
+if vendor_id != ACME____X type 6
+if product_id == ROADRUNNER12 type 7
+if product_id has WXYZ type no
+if product_id has R12 type 8
+if firmware_revision_level == 9.9 type 9
+if vendor_id == ACME if product_id !has XY type 10
+IN
+    [ "$status" -eq 0 ]
+    [ "$(printf '%s,' "${lines[@]:3}")" = " 1 , 2 , 3 , 4 , 5 , 6 , 7 , 8 , 9 , 10 ," ]
+}
+
+@test "a guarded command's failing check fails the line" {
+    inquiry_run <<'IN'
+if vendor_id == ACME command close result rc == 1
+type never
+IN
+    [ "$status" -eq 255 ]
+    [ "${lines[3]}" = "ERROR, test at line 3 failed!" ]
+    [ "${lines[4]}" = 'Test "test.in" has failed at line 3.' ]
+}
