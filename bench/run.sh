@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Sequential write and read of 1 GiB to a tmpfs file with the tool and with
 # dd at the same block size, in the same run; prints tool/dd throughput
-# ratios. Usage: bench/run.sh [size-in-MiB]   (default 1024)
+# ratios. Each figure is the best of REPEAT runs (default 3), alternating
+# tool and dd, so that a busy machine penalises both alike.
+# Usage: [REPEAT=n] [SIZES="262144 512"] bench/run.sh [size-in-MiB]   (default 1024)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -12,6 +14,7 @@ tool=$here/build/bench/tarnwick
 micro=$here/build/bench/bench/tarnwick_pattern_bench
 
 mib=${1:-1024}
+repeat=${REPEAT:-3}
 bytes=$((mib * 1024 * 1024))
 dir=$(mktemp -d /dev/shm/tarnwick-bench.XXXXXX)
 trap 'rm -rf "$dir"' EXIT
@@ -19,6 +22,7 @@ cd "$dir"
 
 now() { date +%s.%N; }
 elapsed() { echo "$2 - $1" | bc -l; }
+smaller() { echo "if ($1 < $2) $1 else $2" | bc -l; }
 
 # One batch file per direction so each timing holds only its transfers.
 tool_run() { # direction record-bytes
@@ -50,11 +54,14 @@ dd_run() { # direction record-bytes
 }
 
 printf '%-8s %-6s %10s %10s %8s\n' record dir tool_s dd_s tool/dd
-for size in 262144 512; do
-    : > disk.img
+for size in ${SIZES:-262144 512}; do
     for direction in write read; do
-        t=$(tool_run "$direction" "$size")
-        d=$(dd_run "$direction" "$size")
+        t=999999 d=999999
+        for _ in $(seq "$repeat"); do
+            if [ "$direction" = write ]; then : > disk.img; fi
+            t=$(smaller "$(tool_run "$direction" "$size")" "$t")
+            d=$(smaller "$(dd_run "$direction" "$size")" "$d")
+        done
         # Throughput ratio tool/dd = dd time / tool time.
         printf '%-8s %-6s %10.3f %10.3f %8.2f\n' "$size" "$direction" "$t" "$d" "$(echo "$d / $t" | bc -l)"
     done
