@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -267,6 +268,31 @@ TEST_F(DriverTest, StatePersistsAcrossAttachments) {
     for (const char* path : {"/dev/vpath2", "/dev/vpath01", "/dev/vpath", "/dev/vpath-1", "/dev/sda", "/dev/vpath1x"})
         EXPECT_EQ(other.device_for_path(path), -1) << path;
     EXPECT_EQ(std::filesystem::file_size(other.image_path(0)), 64u << 20);
+}
+
+TEST_F(DriverTest, ConcurrentProcessesLoseNoCounts) {
+    pid_t children[2];
+    for (pid_t& child : children) {
+        child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Sim own;
+            std::string error;
+            if (!own.attach(dir_, "", &error)) _exit(1);
+            for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, [] { return ssize_t{512}; });
+            _exit(0);
+        }
+    }
+    for (pid_t child : children) {
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    DeviceStatsRecord stats{};
+    stats.device = 1;
+    ASSERT_EQ(send(kGetDevStats, stats), 0);
+    EXPECT_EQ(stats.io.total_read, 300u);
+    EXPECT_EQ(stats.io.total_write, 300u);
 }
 
 TEST_F(DriverTest, CorruptStateIsRebuilt) {
