@@ -156,7 +156,8 @@ bool Sim::reset_locked(const Topology& topology, std::string* error) {
     return true;
 }
 
-int Sim::device_for_path(const char* path) {
+int Sim::device_for_path(const char* path, bool* node) {
+    if (node != nullptr) *node = false;
     static constexpr char kPrefix[] = "/dev/vpath";
     if (path == nullptr || std::strncmp(path, kPrefix, sizeof kPrefix - 1) != 0) return -1;
     const char* digits = path + sizeof kPrefix - 1;
@@ -167,6 +168,7 @@ int Sim::device_for_path(const char* path) {
         if (digits[i] < '0' || digits[i] > '9') return -1;
         number = number * 10 + (digits[i] - '0');
     }
+    if (node != nullptr) *node = true;
     SimLock guard(*this);
     return number < state_->topology.device_count ? number : -1;
 }
@@ -370,7 +372,10 @@ int Sim::get_device_state(void* user) {
     std::snprintf(name, sizeof name, "vpath%d", d);
     std::memset(record.name, 0, sizeof record.name);
     std::memcpy(record.name, name, std::min(std::strlen(name), sizeof record.name - 1));
-    std::memcpy(record.serial, config.serial, sizeof record.serial);
+    // Blank-padded rather than NUL-filled: the tool prints every byte, and
+    // testers diff transcripts as text.
+    std::memset(record.serial, ' ', sizeof record.serial);
+    std::memcpy(record.serial, config.serial, strnlen(config.serial, sizeof record.serial));
     std::memcpy(record.type, config.type, sizeof record.type);
     record.policy = config.policy;
     record.path_count = static_cast<uint32_t>(config.path_count);

@@ -125,6 +125,11 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
     setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv("VPATHSIM_STATE", dir.c_str(), 1);
     setenv("VPATHSIM", self_path().c_str(), 0);
+    // So that a script's `system vpathsim fail-path ...` finds this program.
+    std::string path = std::filesystem::path(self_path()).parent_path().string();
+    const char* old_path = getenv("PATH");
+    if (old_path != nullptr && *old_path != '\0') path += ":" + std::string(old_path);
+    setenv("PATH", path.c_str(), 1);
     pid_t child = fork();
     if (child < 0) return std::perror("vpathsim: fork"), 1;
     if (child == 0) {
