@@ -217,22 +217,30 @@ EOF2
     [ "$(grep -cx '	Count:      2		Error Count: 1' masked.out)" -eq 2 ]
 }
 
-@test "bad addresses and open modes get the kernel's answers, not a crash" {
+@test "open modes the driver refuses get the kernel's answers" {
     sim_batch <<'EOF2'
 command open 0 INVALID result rc == -1 err == EINVAL
 command open 7 RW result rc == -1 err == ENXIO
 command open 0 RO result rc >= 0
 command write records = 1 result rc == -1 err == EBADF
+EOF2
+    [ "$status" -eq 0 ]
+}
+
+@test "bad buffer and record addresses get EFAULT, not a crash" {
+    # memcheck rightly reports the tool handing the kernel a bad buffer.
+    [ -z "${TARNWICK_UNDER_VALGRIND:-}" ] || skip "deliberate bad addresses"
+    sim_batch <<'EOF2'
+command open 0 RW result rc >= 0
 set buffer = 16
 command read records = 1 result rc == -1 err == EFAULT
+set buffer = 16
+command write records = 1 result rc == -1 err == EFAULT
 set buffer = 16
 command get_number_devices result rc == -1 cc == EFAULT
 set buffer = 16
 command get_dev_stats device 0 result rc == -1 cc == EFAULT
-command close result rc == 0
-command open 0 RW result rc >= 0
-set buffer = 16
-command write records = 1 result rc == -1 err == EFAULT
+command get_number_devices result rc == 0
 EOF2
     [ "$status" -eq 0 ]
 }
