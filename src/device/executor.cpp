@@ -98,7 +98,8 @@ int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outc
     if (device.substr(0, 2) == "$D") {
         if (c.special_file_given) {
             // special_file is 199 characters at most, so it always fits.
-            std::snprintf(name, sizeof name, "%s", c.special_file);
+            std::string_view special(c.special_file, strnlen(c.special_file, sizeof c.special_file));
+            name[special.copy(name, sizeof name - 1)] = '\0';
             name_fits = true;
             fprintf(stream, "device file (%s) will be opened \n", name);
         } else {

@@ -109,7 +109,7 @@ void write_raw_report(FILE* output, const TraceState& s) {
         }
         const auto raw_address = reinterpret_cast<unsigned long>(raw.data());
         fprintf(output, "raw_p 0x%lx  dump 0x%lx  dump_bytes %lu\n", raw_address,
-                raw_address + kTraceDumpCountOffset, static_cast<unsigned long>(dump_bytes));
+                static_cast<unsigned long>(raw_address + kTraceDumpCountOffset), static_cast<unsigned long>(dump_bytes));
         if (dump_bytes > kTraceDumpCap) {
             fprintf(output, "bogus dump_bytes adjusting to %lu\n", static_cast<unsigned long>(kTraceDumpCap));
             dump_bytes = kTraceDumpCap;

@@ -559,3 +559,43 @@ TEST_F(TraceMenu, BufferOverrideRedirectsOneRequest) {
     EXPECT_EQ(test_context.buffer_override_armed, 0);
     EXPECT_EQ(elsewhere.flags, 0x77u);
 }
+
+TEST_F(TraceMenu, HostileReportsStayInsideTheBuffers) {
+    // Reports filling the whole raw buffer with entries of the largest
+    // length, a tail that reaches past the end, and figures far beyond it.
+    struct Hostile {
+        char fill;
+        uint64_t dump_bytes;
+    } cases[] = {{'F', ~0ull}, {'0', 9999}, {'1', 10000}, {'z', 0}};
+    for (const Hostile& h : cases) {
+        driver = PlayedDriver{};
+        driver.flags = TRACE_DUMP | TRACE_CC;
+        ScopedFakeIoctl fake([&](int, unsigned long, void* record) {
+            auto* r = static_cast<TraceArgumentRecord*>(record);
+            if (r->command == DD_TRACE_REPORT) {
+                auto* raw = reinterpret_cast<uint8_t*>(r->user_addr);
+                std::memset(raw, h.fill, kTraceRawSize);
+                std::memcpy(raw + kTraceDumpCountOffset, &h.dump_bytes, sizeof h.dump_bytes);
+                r->bytes_reported = 0xFFFFFFFFu;
+                r->entry_count = 0xFFFFFFFFu;
+            }
+            r->flags = TRACE_DUMP | TRACE_CC;
+            return 0;
+        });
+        FILE* in = tmpfile();
+        fputs("22\n9\n7\n10\n99\n", in);
+        rewind(in);
+        FILE* out = tmpfile();
+        EXPECT_EQ(trace_menu_session(stdout, in, out), 99);
+        fclose(in);
+        fclose(out);
+        EXPECT_LE(trace_state.cooked_bytes, kTraceCookedSize);
+    }
+    // All-'F' entries are 255 bytes long, 252 of text: as many as fit whole.
+    trace_state.record.bytes_reported = 0xFFFFFFFFu;
+    trace_state.record.entry_count = 0xFFFFFFFFu;
+    std::memset(trace_state.raw_buffer.get(), 'F', kTraceRawSize);
+    dd_trace_format_report(trace_state.record, kTraceDefaultFilter, trace_state.raw(), trace_state.cooked(),
+                           trace_state.cooked_bytes);
+    EXPECT_EQ(trace_state.cooked_bytes, (kTraceRawSize / 255) * 252);
+}
