@@ -25,8 +25,8 @@ void set_inquiry_defaults(DeviceConfig& device, int number) {
     device.inquiry[3] = 0x02;                  // response data format
     device.inquiry[4] = kInquiryBytes - 5;     // additional length
     device.inquiry[7] = 0x02;                  // command queuing
-    copy_padded(device.inquiry + 8, 8, "SIMVEND");
-    copy_padded(device.inquiry + 16, 16, "VPATH DISK");
+    copy_padded(device.inquiry + 8, 8, "NEWCO");
+    copy_padded(device.inquiry + 16, 16, "VDISK-2107");
     copy_padded(device.inquiry + 32, 4, "1.00");
     char specific[21];
     std::snprintf(specific, sizeof specific, "SIM-VPATH-%010d", number);

@@ -80,8 +80,8 @@ TEST_F(DriverTest, DefaultTopologyAnswersQueries) {
     inquiry.device = 0;
     ASSERT_EQ(send(kGetInquiry, inquiry), 0);
     EXPECT_EQ(inquiry.data[0], 0);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(inquiry.data + 8), 8), "SIMVEND ");
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(inquiry.data + 16), 16), "VPATH DISK      ");
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(inquiry.data + 8), 8), "NEWCO   ");
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(inquiry.data + 16), 16), "VDISK-2107      ");
     EXPECT_EQ(std::string(reinterpret_cast<char*>(inquiry.data + 32), 4), "1.00");
     EXPECT_EQ(std::string(reinterpret_cast<char*>(inquiry.data + 36), 20), "SIM-VPATH-0000000000");
 }
