@@ -76,8 +76,16 @@ bool valid_layout(const SharedState& s) {
         return false;
     if (t.device_count < 1 || t.device_count > kMaxDevices || t.adapter_count < 1 || t.adapter_count > kMaxAdapters)
         return false;
+    // Names are printed with %s and copied as strings: they must end inside
+    // their fields, whatever the file holds.
+    auto terminated = [](const char* field, size_t size) { return std::memchr(field, 0, size) != nullptr; };
+    for (int a = 0; a < t.adapter_count; ++a)
+        if (!terminated(t.adapter_names[a], sizeof t.adapter_names[a])) return false;
     for (int d = 0; d < t.device_count; ++d) {
         const DeviceConfig& device = t.devices[d];
+        if (!terminated(device.serial, sizeof device.serial)) return false;
+        for (int p = 0; p < kMaxPaths; ++p)
+            if (!terminated(device.paths[p].name, sizeof device.paths[p].name)) return false;
         if (device.path_count < 1 || device.path_count > kMaxPaths || device.size % kSectorSize != 0) return false;
         for (int p = 0; p < device.path_count; ++p)
             if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;

@@ -297,6 +297,22 @@ TEST_F(DriverTest, ConcurrentProcessesLoseNoCounts) {
 
 TEST_F(DriverTest, CorruptStateIsRebuilt) {
     {
+        // An adapter name without its terminating NUL.
+        Sim other;
+        std::string error;
+        ASSERT_TRUE(other.attach(dir_, "", &error));
+        std::memset(other.state()->topology.adapter_names[1], 'x', 16);
+        int32_t status = 0;
+        ASSERT_EQ(set_path(0, 0, 2, &status), 0);
+    }
+    {
+        Sim other;
+        std::string error;
+        ASSERT_TRUE(other.attach(dir_, "", &error));
+        EXPECT_STREQ(other.state()->topology.adapter_names[1], "scsi1");
+        EXPECT_EQ(other.state()->devices[0].paths[0].offline, 0);  // started over
+    }
+    {
         FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
         ASSERT_NE(f, nullptr);
         std::fseek(f, 16, SEEK_SET);
