@@ -97,10 +97,8 @@ int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outc
 
     if (device.substr(0, 2) == "$D") {
         if (c.special_file_given) {
-            // special_file is 199 characters at most, so it always fits.
-            std::string_view special(c.special_file, strnlen(c.special_file, sizeof c.special_file));
-            name[special.copy(name, sizeof name - 1)] = '\0';
-            name_fits = true;
+            // special_file holds 199 characters at most, so it always fits.
+            name_fits = copy_to_field(name, sizeof name, c.special_file);
             fprintf(stream, "device file (%s) will be opened \n", name);
         } else {
             fprintf(stream, "error, no special file given on command line.\n");
@@ -193,7 +191,9 @@ int execute_command(const char* line, FILE* stream, const TokenList& tokens, int
     ttrace(stream, "TTRACE: execute_command entered (%s).\n", line);
 
     int64_t size = record_size();
-    if (size > static_cast<int64_t>(kIoBufferSize)) {
+    // A blocking factor so large that the size wrapped negative is just as
+    // far beyond the buffer, and is reported the same way.
+    if (size < 0 || size > static_cast<int64_t>(kIoBufferSize)) {
         fprintf(stream, "Data transfer size of %ld exceeds maximum supported %d \n", static_cast<long>(size),
                 static_cast<int>(kIoBufferSize));
         report_syntax_error();

@@ -380,8 +380,10 @@ void close_open_device() {
 }  // namespace
 
 bool read_answer(FILE* input) {
-    // Read by character rather than with fgets: a NUL byte typed into the
-    // line must not make the rest of an overlong line look like a new one.
+    // The rest of an overlong line is dropped, not kept for the next prompt:
+    // text pasted at one prompt must never turn into answers, selections
+    // included, at the prompts that follow. Read by character rather than
+    // with fgets, so a NUL byte in the line cannot hide where the line ends.
     char* line = test_context.input_line;
     std::size_t length = 0;
     int c = EOF;

@@ -208,10 +208,18 @@ TEST_F(Executor, OversizedRecordsAreNeverTransferred) {
         EXPECT_EQ(block_seek, seek);
     }
     EXPECT_EQ(test_context.bytes_transferred, 0.0);
-    // Absurd blocking factors wrap instead of overflowing.
-    block_count = INT64_MAX;
+    // Absurd blocking factors wrap instead of overflowing, and are reported.
+    block_count = (INT64_C(1) << 54) + 1;
     EXPECT_EQ(run("read"), 1);
+    EXPECT_EQ(out.take(), "Data transfer size of -9223372036854775296 exceeds maximum supported 262144 \n");
     EXPECT_EQ(outcome.return_code, 0);
+    // A size of 0 fits the buffer: the command still runs, moving nothing.
+    block_count = INT64_C(1) << 55;
+    int64_t seek = block_seek;
+    EXPECT_EQ(run("write"), 1);
+    EXPECT_EQ(out.take().substr(0, 53), "Data transfer size is 0 \nwrote 0 bytes, sector = 0, d");
+    EXPECT_EQ(outcome.return_code, 0);
+    EXPECT_EQ(block_seek, seek + 1);
 }
 
 TEST_F(Executor, CloseTracesOnStandardOutputAndAlwaysForgetsTheHandle) {
