@@ -380,10 +380,7 @@ int Sim::get_device_state(void* user) {
     std::snprintf(name, sizeof name, "vpath%d", d);
     std::memset(record.name, 0, sizeof record.name);
     std::memcpy(record.name, name, std::min(std::strlen(name), sizeof record.name - 1));
-    // Blank-padded rather than NUL-filled: the tool prints every byte, and
-    // testers diff transcripts as text.
-    std::memset(record.serial, ' ', sizeof record.serial);
-    std::memcpy(record.serial, config.serial, strnlen(config.serial, sizeof record.serial));
+    std::memcpy(record.serial, config.serial, sizeof record.serial);
     std::memcpy(record.type, config.type, sizeof record.type);
     record.policy = config.policy;
     record.path_count = static_cast<uint32_t>(config.path_count);

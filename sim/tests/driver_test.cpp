@@ -58,7 +58,7 @@ TEST_F(DriverTest, DefaultTopologyAnswersQueries) {
     state.device = 1;
     ASSERT_EQ(send(kGetDeviceState, state), 0);
     EXPECT_STREQ(state.name, "vpath1");
-    EXPECT_EQ(std::string(state.serial, 33), "75022811001" + std::string(22, ' '));
+    EXPECT_EQ(std::string(state.serial, 33), "75022811001" + std::string(22, '\0'));
     EXPECT_EQ(std::string(state.type, 8), "2107900 ");
     EXPECT_EQ(state.policy, 4u);
     EXPECT_EQ(state.path_count, 4u);

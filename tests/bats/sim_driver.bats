@@ -39,11 +39,11 @@ Number of Devices: 2
 analyze return code 0  errno 0 (Successful) 
     error value 0 (Successful) residual 0 data 0
 EXP
-    lines_between 3 4 | head -8 > got.out
+    lines_between 3 4 | head -8 | tr '\0' '@' > got.out
     assert_file got.out <<'EXP'
 Completion Status: Success
 Device:		vpath1 
-Serial Number:	75022811001                      
+Serial Number:	75022811001@@@@@@@@@@@@@@@@@@@@@@
 Device Type:	2107900 
 
 Path Selection Policy: Optimized
