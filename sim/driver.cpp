@@ -76,8 +76,16 @@ bool valid_layout(const SharedState& s) {
         return false;
     if (t.device_count < 1 || t.device_count > kMaxDevices || t.adapter_count < 1 || t.adapter_count > kMaxAdapters)
         return false;
+    // Names are printed with %s and copied as strings: they must end inside
+    // their fields, whatever the file holds.
+    auto terminated = [](const char* field, size_t size) { return std::memchr(field, 0, size) != nullptr; };
+    for (int a = 0; a < t.adapter_count; ++a)
+        if (!terminated(t.adapter_names[a], sizeof t.adapter_names[a])) return false;
     for (int d = 0; d < t.device_count; ++d) {
         const DeviceConfig& device = t.devices[d];
+        if (!terminated(device.serial, sizeof device.serial)) return false;
+        for (int p = 0; p < kMaxPaths; ++p)
+            if (!terminated(device.paths[p].name, sizeof device.paths[p].name)) return false;
         if (device.path_count < 1 || device.path_count > kMaxPaths || device.size % kSectorSize != 0) return false;
         for (int p = 0; p < device.path_count; ++p)
             if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;
@@ -156,7 +164,8 @@ bool Sim::reset_locked(const Topology& topology, std::string* error) {
     return true;
 }
 
-int Sim::device_for_path(const char* path) {
+int Sim::device_for_path(const char* path, bool* node) {
+    if (node != nullptr) *node = false;
     static constexpr char kPrefix[] = "/dev/vpath";
     if (path == nullptr || std::strncmp(path, kPrefix, sizeof kPrefix - 1) != 0) return -1;
     const char* digits = path + sizeof kPrefix - 1;
@@ -167,6 +176,7 @@ int Sim::device_for_path(const char* path) {
         if (digits[i] < '0' || digits[i] > '9') return -1;
         number = number * 10 + (digits[i] - '0');
     }
+    if (node != nullptr) *node = true;
     SimLock guard(*this);
     return number < state_->topology.device_count ? number : -1;
 }

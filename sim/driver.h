@@ -122,8 +122,9 @@ public:
     // Replaces the state with a fresh one for the topology; images are emptied.
     bool reset(const Topology& topology, std::string* error);
 
-    // Device number for "/dev/vpathN" when N is in the topology, else -1.
-    int device_for_path(const char* path);
+    // Device number for "/dev/vpathN" when N is in the topology, else -1;
+    // node tells whether the name is one the driver would own at all.
+    int device_for_path(const char* path, bool* node = nullptr);
     std::string image_path(int device) const;
     uint64_t device_size(int device);
 

@@ -99,8 +99,11 @@ int open_device(int device, int flags) {
 
 int open_common(const char* path, int flags, mode_t mode) {
     if (maybe_vpath(path) && driver() != nullptr) {
-        int device = sim->device_for_path(path);
+        bool node = false;
+        int device = sim->device_for_path(path, &node);
         if (device >= 0) return open_device(device, flags);
+        // A node left over for a device the driver does not have.
+        if (node) return errno = ENXIO, -1;
     }
     REAL(OpenFn, open);
     return real_open(path, flags, mode);
@@ -108,8 +111,11 @@ int open_common(const char* path, int flags, mode_t mode) {
 
 int openat_common(int dirfd, const char* path, int flags, mode_t mode) {
     if (maybe_vpath(path) && driver() != nullptr) {
-        int device = sim->device_for_path(path);
+        bool node = false;
+        int device = sim->device_for_path(path, &node);
         if (device >= 0) return open_device(device, flags);
+        // A node left over for a device the driver does not have.
+        if (node) return errno = ENXIO, -1;
     }
     REAL(OpenAtFn, openat);
     return real_openat(dirfd, path, flags, mode);

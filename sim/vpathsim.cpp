@@ -28,7 +28,8 @@ const char kUsage[] =
     "  run [--state DIR] [--config FILE] [--fresh] [--keep] -- PROGRAM [ARG...]\n"
     "                                run PROGRAM with the simulated driver; without --state\n"
     "                                a fresh temporary state is used and removed afterwards\n"
-    "The state directory defaults to $VPATHSIM_STATE, else /tmp/vpathsim-UID.\n";
+    "The state directory defaults to $VPATHSIM_STATE, else /tmp/vpathsim-UID;\n"
+    "$VPATHSIM_CONFIG names the topology file when --config is not given.\n";
 
 int usage() {
     std::fputs(kUsage, stderr);
@@ -89,8 +90,14 @@ bool reset(vpathsim::Sim& sim, const std::string& dir, const std::string& config
     return false;
 }
 
+// The topology file for state that is created or started over.
+std::string env_config() {
+    const char* env = getenv("VPATHSIM_CONFIG");
+    return env != nullptr ? env : "";
+}
+
 int run(std::string dir, bool dir_given, int argc, char** argv) {
-    std::string config;
+    std::string config = env_config();
     bool fresh = false, keep = false;
     int i = 0;
     for (; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
@@ -125,6 +132,11 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
     setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv("VPATHSIM_STATE", dir.c_str(), 1);
     setenv("VPATHSIM", self_path().c_str(), 0);
+    // So that a script's `system vpathsim fail-path ...` finds this program.
+    std::string path = std::filesystem::path(self_path()).parent_path().string();
+    const char* old_path = getenv("PATH");
+    if (old_path != nullptr && *old_path != '\0') path += ":" + std::string(old_path);
+    setenv("PATH", path.c_str(), 1);
     pid_t child = fork();
     if (child < 0) return std::perror("vpathsim: fork"), 1;
     if (child == 0) {
@@ -166,7 +178,7 @@ int main(int argc, char** argv) {
     vpathsim::Sim sim;
     long long a = 0, b = 0;
     if (command == "init") {
-        std::string config;
+        std::string config = env_config();
         if (rest == 2 && std::strcmp(args[0], "--config") == 0) {
             config = args[1];
         } else if (rest != 0) {
@@ -174,7 +186,7 @@ int main(int argc, char** argv) {
         }
         return reset(sim, dir, config) ? 0 : 1;
     }
-    if (!attach(sim, dir, "")) return 1;
+    if (!attach(sim, dir, env_config())) return 1;
     if (command == "show" && rest == 0) {
         sim.show(stdout);
         return 0;

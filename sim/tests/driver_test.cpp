@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -57,7 +58,7 @@ TEST_F(DriverTest, DefaultTopologyAnswersQueries) {
     state.device = 1;
     ASSERT_EQ(send(kGetDeviceState, state), 0);
     EXPECT_STREQ(state.name, "vpath1");
-    EXPECT_STREQ(state.serial, "75022811001");
+    EXPECT_EQ(std::string(state.serial, 33), "75022811001" + std::string(22, '\0'));
     EXPECT_EQ(std::string(state.type, 8), "2107900 ");
     EXPECT_EQ(state.policy, 4u);
     EXPECT_EQ(state.path_count, 4u);
@@ -269,7 +270,48 @@ TEST_F(DriverTest, StatePersistsAcrossAttachments) {
     EXPECT_EQ(std::filesystem::file_size(other.image_path(0)), 64u << 20);
 }
 
+TEST_F(DriverTest, ConcurrentProcessesLoseNoCounts) {
+    pid_t children[2];
+    for (pid_t& child : children) {
+        child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Sim own;
+            std::string error;
+            if (!own.attach(dir_, "", &error)) _exit(1);
+            for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, [] { return ssize_t{512}; });
+            _exit(0);
+        }
+    }
+    for (pid_t child : children) {
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    DeviceStatsRecord stats{};
+    stats.device = 1;
+    ASSERT_EQ(send(kGetDevStats, stats), 0);
+    EXPECT_EQ(stats.io.total_read, 300u);
+    EXPECT_EQ(stats.io.total_write, 300u);
+}
+
 TEST_F(DriverTest, CorruptStateIsRebuilt) {
+    {
+        // An adapter name without its terminating NUL.
+        Sim other;
+        std::string error;
+        ASSERT_TRUE(other.attach(dir_, "", &error));
+        std::memset(other.state()->topology.adapter_names[1], 'x', 16);
+        int32_t status = 0;
+        ASSERT_EQ(set_path(0, 0, 2, &status), 0);
+    }
+    {
+        Sim other;
+        std::string error;
+        ASSERT_TRUE(other.attach(dir_, "", &error));
+        EXPECT_STREQ(other.state()->topology.adapter_names[1], "scsi1");
+        EXPECT_EQ(other.state()->devices[0].paths[0].offline, 0);  // started over
+    }
     {
         FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
         ASSERT_NE(f, nullptr);

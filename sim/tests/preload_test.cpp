@@ -63,7 +63,8 @@ TEST_F(PreloadTest, DataAndStatePersistAcrossRuns) {
 
 TEST_F(PreloadTest, RefusalsMatchTheKernel) {
     EXPECT_EQ(probe("open /dev/vpath0 -1"), "open -1 EINVAL\n");
-    EXPECT_EQ(probe("open /dev/vpath2 2"), "open -1 ENOENT\n");  // not in the topology
+    EXPECT_EQ(probe("open /dev/vpath2 2"), "open -1 ENXIO\n");  // not in the topology
+    EXPECT_EQ(probe("open /dev/vpath02 2"), "open -1 ENOENT\n");  // no such node at all
     EXPECT_EQ(probe("open /dev/vpath0 0x800 write 512 ioctl 0x6408 ioctl 0x6402 bad-read bad-ioctl 0x6404 "
                     "bad-ioctl 0x6401 close read"),
               "open 0\nwrite -1 EBADF\nioctl -1 ENOTTY\nrecord 0 0 0 0\nioctl 0\nrecord 0 2 0 0\n"

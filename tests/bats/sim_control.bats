@@ -63,6 +63,11 @@ CONF
     [ "${lines[5]}" = "  path 0 sdx    adapter 2 online  used 0" ]
     [ "$(stat -c %s state/vpath0.img)" -eq 1048576 ]
 
+    # The same file named in the environment topologies a fresh run.
+    unset VPATHSIM_STATE
+    VPATHSIM_CONFIG=topo.conf run "$VPATHSIM" run -- "$VPATHSIM" show
+    [ "${lines[4]}" = "vpath0 serial ABC123 size 1048576 policy 3 remaining 2 last 0" ]
+
     printf 'device size=1000\npath sda adapter=0\n' > bad.conf
     run "$VPATHSIM" init --config bad.conf
     [ "$status" -eq 1 ]
