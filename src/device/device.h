@@ -55,3 +55,28 @@ void settings();
 
 // ---- data commands (device already checked open by the executor) ----
 extern int64_t last_sector;
+
+// Record size of the data commands: block_count x sector_size, wrapping
+// rather than overflowing for absurd blocking factors.
+int64_t record_size();
+
+// Bytes 4..255 of a record: the pattern for that sector. One value is drawn
+// from the running rand() sequence first and reseeds it afterwards, so the
+// running sequence never continues from a pattern's seed.
+inline constexpr int32_t kPatternBegin = 4;
+inline constexpr int32_t kPatternEnd = 256;
+void fill_record_pattern(uint8_t* record, int64_t sector);
+// Same draws as fill_record_pattern; returns the first byte index that
+// differs (its expected value in expected), or -1 when all 252 match.
+int32_t verify_record_pattern(const uint8_t* record, int64_t sector, uint8_t& expected);
+
+// Sector of a random transfer, 0..block_max, from the next rand() value.
+int64_t random_sector();
+
+// Copies n bytes, "." for anything outside 0x20..0x7e, and terminates;
+// destination holds n + 1 characters.
+void printable_copy(const uint8_t* source, char* destination, int32_t n);
+
+// True when any byte of [address, address + length) lies in a writable
+// mapping of this process (or the mappings cannot be read).
+bool address_in_writable_memory(uint64_t address, uint64_t length);

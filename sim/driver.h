@@ -1,0 +1,202 @@
+// The simulated multipath driver: topology, the state a loaded driver keeps
+// (shared by every process through one mapped, flock-guarded file), the
+// control requests and the I/O bookkeeping. Free of any interposing so that
+// the control program and the unit tests drive the very same code.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "records.h"
+
+namespace vpathsim {
+
+constexpr int kMaxDevices = 16;
+constexpr int kMaxInjected = 64;
+constexpr uint32_t kTraceTableSize = 65536;
+constexpr uint32_t kSectorSize = 512;
+
+struct PathConfig {
+    int32_t adapter;
+    char name[15];
+};
+
+struct DeviceConfig {
+    char serial[33];
+    char type[8];
+    uint32_t policy;
+    int32_t controllers;
+    uint64_t size;
+    uint8_t inquiry[kInquiryBytes];
+    int32_t path_count;
+    PathConfig paths[kMaxPaths];
+};
+
+struct Topology {
+    int32_t device_count;
+    int32_t adapter_count;
+    char adapter_names[kMaxAdapters][16];
+    DeviceConfig devices[kMaxDevices];
+};
+
+struct PathRuntime {
+    uint8_t offline;  // set_path / set_adapter offline
+    uint8_t failed;   // fault injection
+    int32_t times_used;
+    int32_t recovered_errors;
+};
+
+struct DeviceRuntime {
+    PathRuntime paths[kMaxPaths];
+    int32_t last_path;
+    StatsRow io;
+    StatsRow sectors;
+    uint32_t sizes[5];
+    int32_t active_controller;
+    int32_t preferred_controller;
+};
+
+struct AdapterRuntime {
+    uint8_t offline;
+    uint8_t failed;
+    int32_t count;
+    int32_t errors;
+    StatsRow io;
+    StatsRow sectors;
+};
+
+struct InjectedSector {
+    int32_t device;
+    uint64_t sector;
+};
+
+// Entries are stored exactly as they are reported: two hex digits of the
+// whole length, the text, a NUL. Oldest entries are dropped when full.
+struct TraceTable {
+    uint32_t flags;
+    uint32_t used;
+    uint32_t entries;
+    uint32_t last_offset;
+    uint32_t total_entries;
+    uint32_t lap_count;
+    uint8_t bytes[kTraceTableSize];
+};
+
+struct SharedState {
+    char magic[8];
+    uint32_t version;
+    uint32_t size;
+    Topology topology;
+    DeviceRuntime devices[kMaxDevices];
+    AdapterRuntime adapters[kMaxAdapters];
+    int32_t injected_count;
+    InjectedSector injected[kMaxInjected];
+    TraceTable trace;
+};
+
+Topology default_topology();
+// $VPATHSIM_STATE, else a per-user directory under /tmp.
+std::string default_state_dir();
+// Parses the line-oriented topology description (see docs/simulator.md).
+bool parse_config(const std::string& text, Topology* out, std::string* error);
+
+// Copies between the simulator and an address the caller handed over; false
+// when the address range is not fully accessible (the driver's EFAULT).
+bool copy_from_user(void* dst, const void* user, size_t n);
+bool copy_to_user(void* user, const void* src, size_t n);
+
+class Sim {
+public:
+    Sim() = default;
+    ~Sim();
+    Sim(const Sim&) = delete;
+    Sim& operator=(const Sim&) = delete;
+
+    // Attaches to the state in dir, creating it (from the file named by
+    // config, or the built-in topology when config is empty) when absent.
+    bool attach(const std::string& dir, const std::string& config, std::string* error);
+    // Replaces the state with a fresh one for the topology; images are emptied.
+    bool reset(const Topology& topology, std::string* error);
+
+    // Device number for "/dev/vpathN" when N is in the topology, else -1.
+    int device_for_path(const char* path);
+    std::string image_path(int device) const;
+    uint64_t device_size(int device);
+
+    // One transfer: picks a path, refuses with EIO when none functions or an
+    // injected sector is covered, runs io() under the driver lock and counts
+    // the outcome. Returns io()'s result, or -1 with errno.
+    template <typename Io>
+    ssize_t transfer(int device, bool write, uint64_t position, size_t length, Io io);
+
+    // A control request on an open vpath: 0, or -1 with errno.
+    int request(uint32_t code, void* record);
+
+    // Fault injection and inspection for the control program.
+    bool fail_path(int device, int path);
+    bool fail_adapter(int adapter);
+    void restore();
+    bool inject_eio(int device, uint64_t sector);
+    void show(FILE* out);
+
+    SharedState* state() { return state_; }
+    void lock();
+    void unlock();
+
+private:
+    int begin_transfer(int device, bool write, uint64_t position, size_t length, int* path);
+    void end_transfer(int device, int path, bool write, size_t length, ssize_t result, int error);
+    void trace(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    bool reset_locked(const Topology& topology, std::string* error);
+    bool path_functions(int device, int path) const;
+    int remaining_paths(int device) const;
+
+    int get_number_devices(void* user);
+    int get_adapter_info(void* user);
+    int get_device_state(void* user);
+    int set_path(void* user);
+    int set_adapter(void* user);
+    int get_inquiry(void* user);
+    int get_dev_stats(void* user);
+    int get_adapter_stats(void* user);
+    int set_controller(void* user);
+    int trace_request(void* user);
+
+    std::string dir_;
+    int fd_ = -1;
+    SharedState* state_ = nullptr;
+};
+
+class SimLock {
+public:
+    explicit SimLock(Sim& sim) : sim_(sim) { sim_.lock(); }
+    ~SimLock() { sim_.unlock(); }
+    SimLock(const SimLock&) = delete;
+    SimLock& operator=(const SimLock&) = delete;
+
+private:
+    Sim& sim_;
+};
+
+template <typename Io>
+ssize_t Sim::transfer(int device, bool write, uint64_t position, size_t length, Io io) {
+    SimLock guard(*this);
+    int path = -1;
+    int error = begin_transfer(device, write, position, length, &path);
+    if (error != 0) {
+        end_transfer(device, path, write, length, -1, error);
+        errno = error;
+        return -1;
+    }
+    ssize_t result = io();
+    int saved = errno;
+    end_transfer(device, path, write, length, result, result < 0 ? saved : 0);
+    errno = saved;
+    return result;
+}
+
+}  // namespace vpathsim

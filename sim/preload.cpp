@@ -1,0 +1,250 @@
+// LD_PRELOAD interposer: makes /dev/vpathN of the simulated topology behave
+// like the driver's devices for an unmodified program. Every other path and
+// descriptor goes straight to the C library, so shells and tools started
+// from the program (which inherit LD_PRELOAD) are unaffected.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "driver.h"
+
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+using OpenFn = int (*)(const char*, int, ...);
+using OpenAtFn = int (*)(int, const char*, int, ...);
+using CloseFn = int (*)(int);
+using ReadFn = ssize_t (*)(int, void*, size_t);
+using WriteFn = ssize_t (*)(int, const void*, size_t);
+using SeekFn = off_t (*)(int, off_t, int);
+using IoctlFn = int (*)(int, unsigned long, ...);
+
+template <typename Fn>
+Fn next(const char* name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+// Resolved on first use; dlsym is safe here because nothing of ours runs
+// before the host's first call.
+#define REAL(type, name)                                  \
+    static type real_##name = next<type>(#name);          \
+    if (real_##name == nullptr) return errno = ENOSYS, -1
+
+constexpr int kMaxFd = 4096;
+std::mutex table_mutex;
+int8_t device_of_fd[kMaxFd];  // device number + 1, 0 when not ours
+
+std::mutex attach_mutex;
+vpathsim::Sim* sim = nullptr;
+bool attach_failed = false;
+
+vpathsim::Sim* driver() {
+    std::lock_guard<std::mutex> guard(attach_mutex);
+    if (sim == nullptr && !attach_failed) {
+        auto* candidate = new vpathsim::Sim;
+        std::string error;
+        const char* config = getenv("VPATHSIM_CONFIG");
+        if (candidate->attach(vpathsim::default_state_dir(), config ? config : "", &error)) {
+            sim = candidate;
+        } else {
+            std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+            attach_failed = true;
+            delete candidate;
+        }
+    }
+    return sim;
+}
+
+bool maybe_vpath(const char* path) { return path != nullptr && std::strncmp(path, "/dev/vpath", 10) == 0; }
+
+int device_of(int fd) {
+    if (fd < 0 || fd >= kMaxFd) return -1;
+    std::lock_guard<std::mutex> guard(table_mutex);
+    return device_of_fd[fd] - 1;
+}
+
+void set_device(int fd, int device) {
+    std::lock_guard<std::mutex> guard(table_mutex);
+    if (fd >= 0 && fd < kMaxFd) device_of_fd[fd] = static_cast<int8_t>(device + 1);
+}
+
+// The vpath behaves as a block device node: kernel-style refusals of flags a
+// device cannot honour, then the backing image stands in for the disk.
+int open_device(int device, int flags) {
+    if ((flags & __O_TMPFILE) != 0) return errno = EINVAL, -1;
+    if ((flags & O_DIRECTORY) != 0) return errno = ENOTDIR, -1;
+    if ((flags & (O_CREAT | O_EXCL)) == (O_CREAT | O_EXCL)) return errno = EEXIST, -1;
+    REAL(OpenFn, open);
+    std::string image = sim->image_path(device);
+    int fd = real_open(image.c_str(), flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC | O_SYNC | O_DSYNC), 0);
+    if (fd < 0) return -1;
+    if (fd >= kMaxFd) {
+        static CloseFn real_close = next<CloseFn>("close");
+        if (real_close) real_close(fd);
+        return errno = EMFILE, -1;
+    }
+    set_device(fd, device);
+    return fd;
+}
+
+int open_common(const char* path, int flags, mode_t mode) {
+    if (maybe_vpath(path) && driver() != nullptr) {
+        int device = sim->device_for_path(path);
+        if (device >= 0) return open_device(device, flags);
+    }
+    REAL(OpenFn, open);
+    return real_open(path, flags, mode);
+}
+
+int openat_common(int dirfd, const char* path, int flags, mode_t mode) {
+    if (maybe_vpath(path) && driver() != nullptr) {
+        int device = sim->device_for_path(path);
+        if (device >= 0) return open_device(device, flags);
+    }
+    REAL(OpenAtFn, openat);
+    return real_openat(dirfd, path, flags, mode);
+}
+
+mode_t mode_arg(int flags, va_list args) {
+    return (flags & (O_CREAT | __O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(args, int)) : 0;
+}
+
+bool readable(int fd, bool write) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) return false;
+    int mode = flags & O_ACCMODE;
+    return write ? (mode == O_WRONLY || mode == O_RDWR) : (mode == O_RDONLY || mode == O_RDWR);
+}
+
+ssize_t device_read(int fd, int device, void* buffer, size_t count) {
+    REAL(ReadFn, read);
+    REAL(SeekFn, lseek);
+    if (!readable(fd, false)) return errno = EBADF, -1;
+    off_t position = real_lseek(fd, 0, SEEK_CUR);
+    if (position < 0) return -1;
+    uint64_t size = sim->device_size(device);
+    size_t n = static_cast<uint64_t>(position) >= size ? 0 : std::min<uint64_t>(count, size - position);
+    n = std::min<size_t>(n, 0x7ffff000);
+    if (n == 0) return real_read(fd, buffer, 0);
+    // The real read on the image lets the kernel check the caller's buffer.
+    return sim->transfer(device, false, static_cast<uint64_t>(position), n,
+                         [&] { return real_read(fd, buffer, n); });
+}
+
+ssize_t device_write(int fd, int device, const void* buffer, size_t count) {
+    REAL(WriteFn, write);
+    REAL(SeekFn, lseek);
+    if (!readable(fd, true)) return errno = EBADF, -1;
+    off_t position = real_lseek(fd, 0, SEEK_CUR);
+    if (position < 0) return -1;
+    if (count == 0) return real_write(fd, buffer, 0);
+    uint64_t size = sim->device_size(device);
+    if (static_cast<uint64_t>(position) >= size) return errno = ENOSPC, -1;
+    size_t n = std::min<uint64_t>({count, size - position, 0x7ffff000});
+    return sim->transfer(device, true, static_cast<uint64_t>(position), n,
+                         [&] { return real_write(fd, buffer, n); });
+}
+
+}  // namespace
+
+EXPORT int open(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_arg(flags, args);
+    va_end(args);
+    return open_common(path, flags, mode);
+}
+
+EXPORT int open64(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_arg(flags, args);
+    va_end(args);
+    return open_common(path, flags, mode);
+}
+
+EXPORT int __open_2(const char* path, int flags) { return open_common(path, flags, 0); }
+EXPORT int __open64_2(const char* path, int flags) { return open_common(path, flags, 0); }
+
+EXPORT int openat(int dirfd, const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_arg(flags, args);
+    va_end(args);
+    return openat_common(dirfd, path, flags, mode);
+}
+
+EXPORT int openat64(int dirfd, const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = mode_arg(flags, args);
+    va_end(args);
+    return openat_common(dirfd, path, flags, mode);
+}
+
+EXPORT int close(int fd) {
+    REAL(CloseFn, close);
+    set_device(fd, -1);
+    return real_close(fd);
+}
+
+EXPORT ssize_t read(int fd, void* buffer, size_t count) {
+    int device = device_of(fd);
+    if (device >= 0) return device_read(fd, device, buffer, count);
+    REAL(ReadFn, read);
+    return real_read(fd, buffer, count);
+}
+
+EXPORT ssize_t __read_chk(int fd, void* buffer, size_t count, size_t size) {
+    if (count > size) abort();  // what the fortified read does on overflow
+    return read(fd, buffer, count);
+}
+
+EXPORT ssize_t write(int fd, const void* buffer, size_t count) {
+    int device = device_of(fd);
+    if (device >= 0) return device_write(fd, device, buffer, count);
+    REAL(WriteFn, write);
+    return real_write(fd, buffer, count);
+}
+
+EXPORT off_t lseek(int fd, off_t offset, int whence) noexcept {
+    REAL(SeekFn, lseek);
+    int device = device_of(fd);
+    if (device < 0) return real_lseek(fd, offset, whence);
+    // A block device's size bounds every position.
+    auto size = static_cast<off_t>(sim->device_size(device));
+    off_t base = 0;
+    switch (whence) {
+        case SEEK_SET: break;
+        case SEEK_CUR: base = real_lseek(fd, 0, SEEK_CUR); break;
+        case SEEK_END: base = size; break;
+        default: return errno = EINVAL, -1;
+    }
+    if (base < 0) return -1;
+    off_t target;
+    if (__builtin_add_overflow(base, offset, &target) || target < 0 || target > size) return errno = EINVAL, -1;
+    return real_lseek(fd, target, SEEK_SET);
+}
+
+EXPORT off_t lseek64(int fd, off_t offset, int whence) noexcept { return lseek(fd, offset, whence); }
+
+EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list args;
+    va_start(args, request);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    int device = device_of(fd);
+    if (device >= 0) return sim->request(static_cast<uint32_t>(request), argument);
+    REAL(IoctlFn, ioctl);
+    return real_ioctl(fd, request, argument);
+}

@@ -1,0 +1,202 @@
+// Control program of the simulated driver: state set-up, fault injection,
+// and running a program with the driver interposed.
+#include <limits.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "driver.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: vpathsim [--state DIR] COMMAND\n"
+    "  init [--config FILE]          fresh driver state (old state and disk contents dropped)\n"
+    "  show                          topology, path and adapter states, faults\n"
+    "  fail-path DEV PATH            path stops functioning (state Dead)\n"
+    "  fail-adapter ADAPTER          every path over the adapter stops functioning\n"
+    "  inject-eio DEV SECTOR         reads and writes covering the sector fail with EIO\n"
+    "  restore                       clear every injected fault\n"
+    "  run [--state DIR] [--config FILE] [--fresh] [--keep] -- PROGRAM [ARG...]\n"
+    "                                run PROGRAM with the simulated driver; without --state\n"
+    "                                a fresh temporary state is used and removed afterwards\n"
+    "The state directory defaults to $VPATHSIM_STATE, else /tmp/vpathsim-UID.\n";
+
+int usage() {
+    std::fputs(kUsage, stderr);
+    return 2;
+}
+
+bool number(const char* text, long long low, long long high, long long* out) {
+    char* end = nullptr;
+    errno = 0;
+    long long value = std::strtoll(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < low || value > high) return false;
+    *out = value;
+    return true;
+}
+
+std::string self_path() {
+    char buffer[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0) return "vpathsim";
+    buffer[n] = '\0';
+    return buffer;
+}
+
+std::string preload_library() {
+    const char* env = getenv("VPATHSIM_LIB");
+    if (env != nullptr && *env != '\0') return env;
+    std::filesystem::path sibling = std::filesystem::path(self_path()).parent_path() / "libvpathsim_preload.so";
+    if (std::filesystem::exists(sibling)) return sibling.string();
+    return VPATHSIM_PRELOAD_DEFAULT;
+}
+
+bool attach(vpathsim::Sim& sim, const std::string& dir, const std::string& config) {
+    std::string error;
+    if (sim.attach(dir, config, &error)) return true;
+    std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+    return false;
+}
+
+bool reset(vpathsim::Sim& sim, const std::string& dir, const std::string& config) {
+    if (!attach(sim, dir, config)) return false;
+    vpathsim::Topology topology = vpathsim::default_topology();
+    std::string error;
+    if (!config.empty()) {
+        // attach() has already read and checked the file; re-read it so that
+        // a reset of existing state picks up an edited topology.
+        FILE* in = std::fopen(config.c_str(), "r");
+        std::string text;
+        char chunk[4096];
+        for (size_t n; in != nullptr && (n = std::fread(chunk, 1, sizeof chunk, in)) > 0;) text.append(chunk, n);
+        if (in != nullptr) std::fclose(in);
+        if (!vpathsim::parse_config(text, &topology, &error)) {
+            std::fprintf(stderr, "vpathsim: %s: %s\n", config.c_str(), error.c_str());
+            return false;
+        }
+    }
+    if (sim.reset(topology, &error)) return true;
+    std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+    return false;
+}
+
+int run(std::string dir, bool dir_given, int argc, char** argv) {
+    std::string config;
+    bool fresh = false, keep = false;
+    int i = 0;
+    for (; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strcmp(argv[i], "--config") == 0 && i + 1 < argc) {
+            config = argv[++i];
+        } else if (std::strcmp(argv[i], "--state") == 0 && i + 1 < argc) {
+            dir = argv[++i];
+            dir_given = true;
+        } else if (std::strcmp(argv[i], "--fresh") == 0) {
+            fresh = true;
+        } else if (std::strcmp(argv[i], "--keep") == 0) {
+            keep = true;
+        } else {
+            return usage();
+        }
+    }
+    if (i + 1 >= argc) return usage();
+    char** program = argv + i + 1;
+    if (!dir_given) {
+        char pattern[] = "/tmp/vpathsim-run.XXXXXX";
+        if (mkdtemp(pattern) == nullptr) return std::perror("vpathsim: mkdtemp"), 1;
+        dir = pattern;
+        fresh = true;
+    }
+    {
+        vpathsim::Sim sim;
+        if (!(fresh ? reset(sim, dir, config) : attach(sim, dir, config))) return 1;
+    }
+    std::string preload = preload_library();
+    const char* old = getenv("LD_PRELOAD");
+    if (old != nullptr && *old != '\0') preload += ":" + std::string(old);
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+    setenv("VPATHSIM_STATE", dir.c_str(), 1);
+    setenv("VPATHSIM", self_path().c_str(), 0);
+    pid_t child = fork();
+    if (child < 0) return std::perror("vpathsim: fork"), 1;
+    if (child == 0) {
+        execvp(program[0], program);
+        std::fprintf(stderr, "vpathsim: %s: %s\n", program[0], std::strerror(errno));
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    if (!dir_given) {
+        if (keep) {
+            std::fprintf(stderr, "vpathsim: state kept in %s\n", dir.c_str());
+        } else {
+            std::error_code ignored;
+            std::filesystem::remove_all(dir, ignored);
+        }
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string dir = vpathsim::default_state_dir();
+    bool dir_given = false;
+    int i = 1;
+    if (i + 1 < argc && std::strcmp(argv[i], "--state") == 0) {
+        dir = argv[i + 1];
+        dir_given = true;
+        i += 2;
+    }
+    if (i >= argc) return usage();
+    std::string command = argv[i++];
+    int rest = argc - i;
+    char** args = argv + i;
+    if (command == "run") return run(dir, dir_given, rest, args);
+    if (command == "help" || command == "--help") return std::fputs(kUsage, stdout), 0;
+
+    vpathsim::Sim sim;
+    long long a = 0, b = 0;
+    if (command == "init") {
+        std::string config;
+        if (rest == 2 && std::strcmp(args[0], "--config") == 0) {
+            config = args[1];
+        } else if (rest != 0) {
+            return usage();
+        }
+        return reset(sim, dir, config) ? 0 : 1;
+    }
+    if (!attach(sim, dir, "")) return 1;
+    if (command == "show" && rest == 0) {
+        sim.show(stdout);
+        return 0;
+    }
+    if (command == "restore" && rest == 0) {
+        sim.restore();
+        return 0;
+    }
+    if (command == "fail-path" && rest == 2 && number(args[0], 0, INT_MAX, &a) && number(args[1], 0, INT_MAX, &b)) {
+        if (sim.fail_path(static_cast<int>(a), static_cast<int>(b))) return 0;
+        std::fprintf(stderr, "vpathsim: no path %lld on vpath%lld\n", b, a);
+        return 1;
+    }
+    if (command == "fail-adapter" && rest == 1 && number(args[0], 0, INT_MAX, &a)) {
+        if (sim.fail_adapter(static_cast<int>(a))) return 0;
+        std::fprintf(stderr, "vpathsim: no adapter %lld\n", a);
+        return 1;
+    }
+    if (command == "inject-eio" && rest == 2 && number(args[0], 0, INT_MAX, &a) && number(args[1], 0, LLONG_MAX, &b)) {
+        if (sim.inject_eio(static_cast<int>(a), static_cast<uint64_t>(b))) return 0;
+        std::fprintf(stderr, "vpathsim: cannot inject sector %lld on vpath%lld\n", b, a);
+        return 1;
+    }
+    return usage();
+}

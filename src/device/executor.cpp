@@ -1,0 +1,224 @@
+// Command executor: the command table, the checks every command shares,
+// and the open and close commands that own device_handle.
+#include <fcntl.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "context/context.h"
+#include "device/data_commands.h"
+#include "device/device.h"
+#include "driver/driver.h"
+
+namespace {
+
+using Handler = int (*)(FILE*, const CommandClause&, CommandOutcome&);
+
+// Whether a command needs the device open, closed, or does not care.
+enum class Needs { open_device, closed_device, anything };
+
+struct CommandEntry {
+    std::string_view name;
+    Needs needs;
+    const char* refusal;  // printed when the device state does not fit
+    Handler handler;
+};
+
+// Commands that cannot refuse to run return through this adapter; only
+// open may tell the dispatcher that the statement could not be executed.
+template <void (*Command)(FILE*, const CommandClause&, CommandOutcome&)>
+int always_handled(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    Command(stream, clause, outcome);
+    return 1;
+}
+
+int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outcome);
+int command_close(FILE* stream, const CommandClause& clause, CommandOutcome& outcome);
+
+constexpr const char* kDeviceClosed = "tarnwick error execute_command device closed\n";
+constexpr const char* kDevicesClosed = "tarnwick error execute_command devices closed\n";
+
+// Looked up in this order; the order is part of the statement language.
+constexpr std::array<CommandEntry, 18> kCommands{{
+    {"open", Needs::closed_device, "tarnwick error in execute_command, device already open.\n", command_open},
+    {"close", Needs::open_device, "tarnwick error execute_command already closed\n", command_close},
+    {"read", Needs::open_device, kDeviceClosed, always_handled<command_read>},
+    {"read_verify", Needs::open_device, kDeviceClosed, always_handled<command_read_verify>},
+    {"write", Needs::open_device, kDeviceClosed, always_handled<command_write>},
+    {"random_read", Needs::open_device, kDeviceClosed, always_handled<command_random_read>},
+    {"random_write", Needs::open_device, kDeviceClosed, always_handled<command_random_write>},
+    {"get_inquiry", Needs::open_device, kDeviceClosed, always_handled<get_inquiry>},
+    {"device_capacity", Needs::open_device, kDeviceClosed, always_handled<command_device_capacity>},
+    {"display_block", Needs::anything, nullptr, always_handled<command_display_block>},
+    {"get_adapter_info", Needs::open_device, kDevicesClosed, always_handled<get_adapter_info>},
+    {"get_number_devices", Needs::open_device, kDevicesClosed, always_handled<get_number_devices>},
+    {"get_device_state", Needs::open_device, kDevicesClosed, always_handled<get_device_state>},
+    {"set_path", Needs::open_device, kDevicesClosed, always_handled<set_path>},
+    {"set_adapter", Needs::open_device, kDevicesClosed, always_handled<set_adapter>},
+    {"get_adapter_stats", Needs::open_device, kDevicesClosed, always_handled<get_adapter_stats>},
+    {"get_dev_stats", Needs::open_device, kDevicesClosed, always_handled<get_dev_stats>},
+    {"set_controller", Needs::open_device, kDevicesClosed, always_handled<set_controller>},
+}};
+
+struct OpenMode {
+    std::string_view name;
+    const char* message;
+    int32_t flags;
+};
+
+constexpr std::array<OpenMode, 5> kOpenModes{{
+    {"RO", "Open mode: Read only.\n", O_RDONLY},
+    {"RW", "Open mode: Read and wirte.\n", O_RDWR},
+    {"RO+NDELAY", "Open mode: Read only, no delay.\n", O_RDONLY | O_NDELAY},
+    {"RW+NDELAY", "Open mode:Read and write, no delay.\n", O_RDWR | O_NDELAY},
+    {"INVALID", " open INVALID.\n", -1},
+}};
+
+// A device name is one token of a statement line, and batch lines hold at
+// most 254 characters; anything longer cannot have come from a script.
+constexpr std::size_t kDeviceNameSize = 256;
+constexpr std::string_view kVpathPrefix = "/dev/vpath";
+
+bool all_digits(std::string_view text) {
+    if (text.empty()) return false;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+    }
+    return true;
+}
+
+int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    TestContext& c = test_context;
+    char name[kDeviceNameSize] = {};
+    std::string_view device = clause.token(1);
+    bool name_fits = device.size() < sizeof name;
+    if (name_fits) device.copy(name, device.size());
+
+    if (device.substr(0, 2) == "$D") {
+        if (c.special_file_given) {
+            // special_file is 199 characters at most, so it always fits.
+            std::snprintf(name, sizeof name, "%s", c.special_file);
+            name_fits = true;
+            fprintf(stream, "device file (%s) will be opened \n", name);
+        } else {
+            fprintf(stream, "error, no special file given on command line.\n");
+            report_syntax_error();
+        }
+    }
+
+    const OpenMode* mode = nullptr;
+    for (const OpenMode& m : kOpenModes) {
+        if (clause.token(2) == m.name) mode = &m;
+    }
+    if (mode == nullptr) {
+        fprintf(stream, "tarnwick error execute_command invalid open flags\n");
+        report_syntax_error();
+        return 0;
+    }
+    fprintf(stream, "%s", mode->message);
+
+    char number_path[sizeof c.open_device];
+    const char* path = name;
+    if (name_fits && all_digits(name)) {
+        std::snprintf(number_path, sizeof number_path, "%.*s%s", static_cast<int>(kVpathPrefix.size()),
+                      kVpathPrefix.data(), name);
+        path = number_path;
+        ttrace(stream, "ps_open will open file <%s> \n", path);
+        std::snprintf(c.open_device, sizeof c.open_device, "%s", path);
+    }
+
+    ttrace(stream, "TTRACE: open flags = %x \n", static_cast<unsigned>(mode->flags));
+    ttrace(stream, "TTRACE: calling ps_open. \n");
+    ttrace(stream, "ps_open file <%s> \n", path);
+
+    if (name_fits) {
+        c.device_handle = ps_open(path, mode->flags, 0);
+    } else {
+        // Opening a cut-down name could open some other file.
+        c.device_handle = -1;
+        errno = ENAMETOOLONG;
+    }
+    outcome.return_code = c.device_handle;
+    if (c.device_handle == -1) {
+        int saved = errno;
+        outcome.error_number = saved;
+        ttrace(stream, "Error! system open failed. errno=%ld \n", static_cast<long>(saved));
+        ttrace(stream, "       Error is %s.\n", ps_strerror(saved));
+    } else {
+        sector_size = 512;
+        block_max = 0;
+    }
+    ttrace(stream, "TTRACE: ps_open exit. \n");
+    return 1;
+}
+
+int command_close(FILE*, const CommandClause&, CommandOutcome& outcome) {
+    // These two go to standard output whatever stream the statement uses.
+    ttrace(stdout, "TTRACE: calling ps_close. \n");
+    outcome.return_code = ps_close(test_context.device_handle);
+    int saved = errno;
+    ttrace(stdout, "TTRACE: ps_close returned %d. \n", outcome.return_code);
+    if (outcome.return_code == -1) outcome.error_number = saved;
+    test_context.device_handle = -1;
+    return 1;
+}
+
+const CommandEntry* find_command(std::string_view name) {
+    for (const CommandEntry& entry : kCommands) {
+        if (name == entry.name) return &entry;
+    }
+    return nullptr;
+}
+
+bool device_state_fits(Needs needs) {
+    bool open = test_context.device_handle != -1;
+    switch (needs) {
+        case Needs::open_device: return open;
+        case Needs::closed_device: return !open;
+        case Needs::anything: return true;
+    }
+    return true;
+}
+
+}  // namespace
+
+int64_t record_size() {
+    return static_cast<int64_t>(static_cast<uint64_t>(block_count) * static_cast<uint64_t>(sector_size));
+}
+
+int execute_command(const char* line, FILE* stream, const TokenList& tokens, int32_t name_index,
+                    int32_t count, CommandOutcome& outcome) {
+    ttrace(stream, "TTRACE: execute_command entered (%s).\n", line);
+
+    int64_t size = record_size();
+    if (size > static_cast<int64_t>(kIoBufferSize)) {
+        fprintf(stream, "Data transfer size of %ld exceeds maximum supported %d \n", static_cast<long>(size),
+                static_cast<int>(kIoBufferSize));
+        report_syntax_error();
+    } else if (size == 0) {
+        fprintf(stream, "Data transfer size is %ld \n", static_cast<long>(size));
+        report_syntax_error();
+    }
+
+    outcome.return_code = 0;
+    outcome.error_number = 0;
+    outcome.error_value = 0;
+    outcome.residual = 0;
+
+    const CommandClause clause{line, &tokens, name_index, count};
+    const CommandEntry* entry = find_command(clause.token(0));
+    if (entry == nullptr) {
+        fprintf(stream, "ERROR execute_command unrecognized command (%s)\n", line);
+        report_syntax_error();
+        return 1;
+    }
+
+    if (!device_state_fits(entry->needs)) {
+        fprintf(stream, "%s", entry->refusal);
+    } else if (entry->handler(stream, clause, outcome) == 0) {
+        return 0;
+    }
+    ttrace(stream, "TTRACE: execute_command exit.\n");
+    return 1;
+}

@@ -1,0 +1,296 @@
+// Sequential and random data transfer between the device and io_buffer,
+// the capacity query and the sector display.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "context/context.h"
+#include "device/data_commands.h"
+#include "device/device.h"
+#include "script/script.h"
+
+int64_t last_sector = 0;
+
+namespace {
+
+constexpr auto kBufferBytes = static_cast<int64_t>(kIoBufferSize);
+
+uint8_t* io_buffer() { return test_context.io_buffer; }
+
+int32_t buffer_identifier() {
+    const uint8_t* b = io_buffer();
+    return static_cast<int32_t>(static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+                                static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24);
+}
+
+void set_buffer_identifier(int32_t value) {
+    auto v = static_cast<uint32_t>(value);
+    uint8_t* b = io_buffer();
+    b[0] = static_cast<uint8_t>(v);
+    b[1] = static_cast<uint8_t>(v >> 8);
+    b[2] = static_cast<uint8_t>(v >> 16);
+    b[3] = static_cast<uint8_t>(v >> 24);
+}
+
+void print_first_bytes(FILE* stream) {
+    const uint8_t* b = io_buffer();
+    fprintf(stream, "%2.2x %2.2x %2.2x %2.2x %2.2x %2.2x %2.2x %2.2x ...\n", b[0], b[1], b[2], b[3], b[4], b[5],
+            b[6], b[7]);
+}
+
+// Sector arithmetic on values a script may set to anything: wrap instead of
+// overflowing; a wrapped, negative offset simply fails to seek.
+int64_t wrapping_product(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
+}
+void advance_block_seek() { block_seek = static_cast<int64_t>(static_cast<uint64_t>(block_seek) + 1); }
+
+void keyword_error(FILE* stream, const char* command, const CommandClause& clause, int32_t i) {
+    fprintf(stream, "%s, invalid statement at (%s) ", command, clause.rest(i));
+    report_syntax_error();
+}
+
+// "records = N" / "blocks = N": the value is taken even after a wrong keyword.
+int64_t count_argument(FILE* stream, const char* command, const CommandClause& clause, std::string_view keyword) {
+    if (!keyword_matches(clause.token(1), keyword)) keyword_error(stream, command, clause, 1);
+    return parse_count(clause.token(3));
+}
+
+void capture_errno(CommandOutcome& outcome, int saved) {
+    if (outcome.return_code < 0) outcome.error_number = saved;
+}
+
+// The executor has reported a record size outside the buffer; no transfer
+// may then move more than io_buffer holds, so none is made at all.
+bool record_fits(int64_t size) { return size >= 0 && size <= kBufferBytes; }
+
+void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome, bool verify) {
+    const int64_t size = record_size();
+    int64_t records = 1;
+    if (clause.count == 4) records = count_argument(stream, "read", clause, "records");
+    if (!record_fits(size)) return;
+
+    if (ps_lseek(stream, test_context.device_handle, wrapping_product(sector_size, block_seek)) == -1) {
+        fprintf(stream, ".Error seeking to block %ld \n", static_cast<long>(block_seek));
+        return;
+    }
+    int64_t expected_sector = block_seek;
+    int64_t last_good = 0;
+    bool go_on = true;
+    // A verification failure reports whatever errno the system last left.
+    int call_errno = errno;
+    for (int64_t r = 0; r < records && go_on; ++r) {
+        last_sector = block_seek;
+        int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
+                            static_cast<uint32_t>(size));
+        call_errno = errno;
+        outcome.return_code = n;
+        outcome.data = buffer_identifier();
+        if (n < 0) {
+            fprintf(stream, "Error reading %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
+                    static_cast<long>(block_seek), outcome.data);
+            break;
+        }
+        test_context.bytes_transferred += n;
+        last_good = r;
+        if (r == 0) {
+            fprintf(stream, "read %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
+                    static_cast<long>(block_seek), outcome.data);
+            print_first_bytes(stream);
+        }
+        advance_block_seek();
+        if (!verify) continue;
+        if (static_cast<int64_t>(outcome.data) != expected_sector) {
+            outcome.return_code = -1;
+            fprintf(stream, "read_verify failed for %ld bytes, expected data = %ld, data read = %d \n",
+                    static_cast<long>(size), static_cast<long>(expected_sector), outcome.data);
+            break;
+        }
+        uint8_t expected_byte = 0;
+        int32_t at = verify_record_pattern(io_buffer(), expected_sector, expected_byte);
+        if (at >= 0) {
+            go_on = false;
+            outcome.return_code = -1;
+            fprintf(stream, "block %ld verify failed at byte %d, expected %x, read %x \n",
+                    static_cast<long>(expected_sector), at, expected_byte, io_buffer()[at]);
+        }
+        ++expected_sector;
+    }
+    if (last_good > 0) {
+        fprintf(stream, " ... \nread %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
+                static_cast<long>(block_seek - 1), buffer_identifier());
+        print_first_bytes(stream);
+    }
+    capture_errno(outcome, call_errno);
+}
+
+}  // namespace
+
+void command_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    sequential_read(stream, clause, outcome, false);
+}
+
+void command_read_verify(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    sequential_read(stream, clause, outcome, true);
+}
+
+void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    const int64_t size = record_size();
+    int64_t records = 1;
+    bool data_given = false;
+    int32_t data = 0;
+    if (clause.count > 3) records = count_argument(stream, "write", clause, "records");
+    if (clause.count == 7) {
+        if (!keyword_matches(clause.token(4), "data")) keyword_error(stream, "write", clause, 4);
+        std::string_view value = clause.token(6);
+        data = decimal_value(value.data(), static_cast<int32_t>(value.size()));
+        data_given = true;
+    }
+    if (!record_fits(size)) return;
+
+    if (ps_lseek(stream, test_context.device_handle, wrapping_product(sector_size, block_seek)) == -1) {
+        fprintf(stream, "..Error seeking to sector %ld \n", static_cast<long>(block_seek));
+        return;
+    }
+    int64_t last_good = 0;
+    int call_errno = 0;
+    for (int64_t r = 0; r < records; ++r) {
+        set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
+        fill_record_pattern(io_buffer(), block_seek);
+        last_sector = block_seek;
+        int32_t n = ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
+                             static_cast<uint32_t>(size));
+        call_errno = errno;
+        outcome.return_code = n;
+        if (n < 0) {
+            fprintf(stream, "Error writing %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
+                    static_cast<long>(block_seek), buffer_identifier());
+            break;
+        }
+        test_context.bytes_transferred += n;
+        last_good = r;
+        if (r == 0) {
+            fprintf(stream, "wrote %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
+                    static_cast<long>(block_seek), buffer_identifier());
+            print_first_bytes(stream);
+        }
+        advance_block_seek();
+    }
+    if (last_good > 0) {
+        fprintf(stream, " ... \nwrote %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
+                static_cast<long>(block_seek - 1), buffer_identifier());
+        print_first_bytes(stream);
+    }
+    capture_errno(outcome, call_errno);
+}
+
+void command_random_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    int64_t records = 0;
+    int call_errno = 0;
+    if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
+    for (int64_t r = 0; r < records; ++r) {
+        int64_t sector = random_sector();
+        int64_t sectors = rand() % 10 + 1;
+        if (sector + sectors >= block_max) sectors = 1;
+        int64_t size = std::min(wrapping_product(sectors, sector_size), kBufferBytes);
+        if (!record_fits(size)) return;
+
+        int64_t offset = wrapping_product(sector, sector_size);
+        if (ps_lseek(stream, test_context.device_handle, offset) == -1) {
+            call_errno = errno;
+            last_sector = sector;
+            fprintf(stream, "...Error seeking to sector %ld \n", static_cast<long>(sector));
+            outcome.return_code = -1;
+            outcome.data = buffer_identifier();
+            fprintf(stream, "Error reading %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
+                    static_cast<long>(sector), outcome.data);
+            break;
+        }
+        last_sector = sector;
+        int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
+                            static_cast<uint32_t>(size));
+        call_errno = errno;
+        outcome.return_code = n;
+        outcome.data = buffer_identifier();
+        if (n < 0) {
+            fprintf(stream, "Error reading %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
+                    static_cast<long>(sector), outcome.data);
+            break;
+        }
+        test_context.bytes_transferred += n;
+        if (r == 0 || r == records - 1) {
+            fprintf(stream, "read %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
+                    static_cast<long>(sector), outcome.data);
+            print_first_bytes(stream);
+        }
+    }
+    capture_errno(outcome, call_errno);
+}
+
+void command_random_write(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
+    int64_t records = 0;
+    int call_errno = 0;
+    if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
+    for (int64_t r = 0; r < records; ++r) {
+        int64_t sector = random_sector();
+        int64_t size = std::min(sector_size, kBufferBytes);
+        if (!record_fits(size)) return;
+        fill_record_pattern(io_buffer(), sector);
+
+        if (ps_lseek(stream, test_context.device_handle, wrapping_product(sector, sector_size)) == -1) {
+            call_errno = errno;
+            fprintf(stream, "....Error seeking to sector %ld \n", static_cast<long>(sector));
+            outcome.return_code = -1;
+            outcome.data = buffer_identifier();
+            fprintf(stream, "Error writing %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
+                    static_cast<long>(sector), outcome.data);
+            break;
+        }
+        last_sector = sector;
+        set_buffer_identifier(static_cast<int32_t>(sector));
+        int32_t n = ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
+                             static_cast<uint32_t>(size));
+        call_errno = errno;
+        outcome.return_code = n;
+        outcome.data = buffer_identifier();
+        if (n < 0) {
+            fprintf(stream, "Error writing %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
+                    static_cast<long>(sector), outcome.data);
+            break;
+        }
+        test_context.bytes_transferred += n;
+        if (r == 0 || r == records - 1) {
+            fprintf(stream, "wrote %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
+                    static_cast<long>(sector), outcome.data);
+            print_first_bytes(stream);
+        }
+    }
+    capture_errno(outcome, call_errno);
+}
+
+void command_device_capacity(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
+    uint8_t capacity[8] = {};
+    outcome.return_code = ps_get_capacity(stream, test_context.device_handle, capacity, sizeof capacity);
+    fprintf(stream, "tarnwick error calling ps_get_capacity\n");
+}
+
+void command_display_block(FILE* stream, const CommandClause&, CommandOutcome&) {
+    constexpr int64_t kLine = 16;
+    fprintf(stream, "Contents of sector %ld \n", static_cast<long>(last_sector));
+    // The dump never reaches past io_buffer, whatever the record size says.
+    const int64_t total = std::clamp<int64_t>(record_size(), 0, kBufferBytes);
+    const uint8_t* b = io_buffer();
+    for (int64_t offset = 0; offset < total; offset += kLine) {
+        const int64_t n = std::min(kLine, total - offset);
+        fprintf(stream, " bytes %.4d-%.4d: ", static_cast<int>(offset), static_cast<int>(offset + n - 1));
+        for (int64_t i = 0; i < n; ++i) fprintf(stream, "%2.2x ", b[offset + i]);
+        if (n < kLine) {
+            fputc('\n', stream);
+            break;
+        }
+        char text[kLine + 1];
+        printable_copy(b + offset, text, static_cast<int32_t>(kLine));
+        fprintf(stream, "  (%s) \n", text);
+    }
+    fprintf(stream, "End contents of sector %ld \n", static_cast<long>(last_sector));
+}

@@ -1,0 +1,150 @@
+// Result analysis: judges a command's outcome against the checks of its
+// result clause.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "context/context.h"
+#include "device/device.h"
+#include "script/errno_table.h"
+#include "script/script.h"
+
+namespace {
+
+enum class Field { return_code, error_number, error_value, residual, data };
+
+struct FieldRule {
+    std::string_view keyword;  // a field token matches when it begins with it
+    Field field;
+    bool symbolic;             // the expected value may be an errno name
+    const char* failure;
+};
+
+constexpr FieldRule kFieldRules[] = {
+    {"rc", Field::return_code, false, "return code not as expected.\n"},
+    {"err", Field::error_number, true, "errno not as expected.\n"},
+    {"cc", Field::error_value, true, "error value not as expected.\n"},
+    {"resid", Field::residual, false, "residual count not as expected.\n"},
+    {"data", Field::data, false, "sector identifier not as expected.\n"},
+};
+
+const FieldRule* find_field(std::string_view token) {
+    for (const FieldRule& rule : kFieldRules) {
+        if (token.substr(0, rule.keyword.size()) == rule.keyword) return &rule;
+    }
+    return nullptr;
+}
+
+std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
+    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
+}
+
+}  // namespace
+
+void ps_return_error(FILE* stream, int32_t* error_value, int32_t* residual) {
+    const int number = errno;
+    ttrace(stream, "TTRACE: ps_return_error entered.\n");
+    *error_value = number;
+    *residual = 0;
+    ttrace(stream, "TTRACE: ps_return_error exit %d.\n", *error_value);
+}
+
+const char* symbolic_value(const char* text, int32_t length) {
+    const std::string_view token(text, length > 0 ? static_cast<std::size_t>(length) : 0u);
+    char* out = test_context.value_text;
+    for (const ErrnoSymbol& row : errno_symbols()) {
+        if (row.name.substr(0, token.size()) == token && row.name.size() >= token.size()) {
+            snprintf(out, sizeof test_context.value_text, "%d", row.value);
+            return out;
+        }
+    }
+    const std::size_t kept = std::min(token.size(), sizeof test_context.value_text - 1);
+    std::memcpy(out, token.data(), kept);
+    out[kept] = '\0';
+    return out;
+}
+
+int as_expected(int32_t actual, const char* relation, int32_t expected) {
+    // A one-character relation is told apart by the byte after it, so "<"
+    // must be followed by a blank; the terminator is never read past.
+    const char first = relation[0];
+    const char second = first != '\0' ? relation[1] : '\0';
+    if (first == '<' && second == ' ') return actual < expected ? 1 : 0;
+    if (first == '<' && second == '=') return actual <= expected ? 1 : 0;
+    if (first == '=' && second == '=') return actual == expected ? 1 : 0;
+    if (first == '!' && second == '=') return actual != expected ? 1 : 0;
+    if (first == '>' && second == '=') return actual >= expected ? 1 : 0;
+    if (first == '>' && second == ' ') return actual > expected ? 1 : 0;
+    printf("as_expected, invalid relation (%s) \n", relation);
+    report_syntax_error();
+    return -1;
+}
+
+int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t first, int32_t count,
+            int32_t return_code, int32_t error_number, int32_t error_value, int32_t residual,
+            int32_t data) {
+    // The errno of the command is judged, not one left by the printing below.
+    const int command_errno = errno;
+    ttrace(stream, "TTRACE: analyze entered (%s).\n", line);
+    fprintf(stream, "analyze return code %d  errno %d (%s) \n    error value %d (%s) residual %d data %d\n",
+            return_code, error_number, errno_name(error_number), error_value, errno_name(error_value),
+            residual, data);
+    if (first <= 0) return 1;  // no result clause: shown, not judged
+    if (count < 3) {
+        fprintf(stream, "error analyze insufficent tokens\n");
+        report_syntax_error();
+        return 0;
+    }
+    if (return_code == -1) {
+        errno = command_errno;
+        ps_return_error(stream, &error_value, &residual);
+        const char* name = errno_name(error_value);
+        fprintf(stream, "analyze return_error cc %d (%s) %s\n", error_value, name, ps_strerror(error_value));
+    }
+
+    bool failed = false;
+    // Checks are whole triples; the list never holds more than kMaxTokens.
+    const int32_t end = std::min(first + count, kMaxTokens);
+    for (int32_t t = first; t + 3 <= end; t += 3) {
+        const FieldRule* rule = find_field(token_text(line, tokens, t));
+        if (rule == nullptr) {
+            fprintf(stream, "analyze ERROR unexpected token\n");
+            report_syntax_error();
+            failed = true;
+            continue;
+        }
+        const std::string_view value_token = token_text(line, tokens, t + 2);
+        int32_t expected = 0;
+        if (rule->symbolic) {
+            const char* text = symbolic_value(value_token.data(), static_cast<int32_t>(value_token.size()));
+            expected = decimal_value(text, static_cast<int32_t>(std::strlen(text)));
+        } else {
+            expected = decimal_value(value_token.data(), static_cast<int32_t>(value_token.size()));
+        }
+        int32_t actual = 0;
+        switch (rule->field) {
+            case Field::return_code: actual = return_code; break;
+            case Field::error_number: actual = error_number; break;
+            case Field::error_value: actual = error_value; break;
+            case Field::residual: actual = residual; break;
+            case Field::data: actual = data; break;
+        }
+        if (as_expected(actual, line + tokens.start[t + 1], expected) == 0) {
+            fprintf(stream, "%s", rule->failure);
+            failed = true;
+        }
+    }
+    if (!failed) return 1;
+
+    fprintf(stream, "analyze error ...  result not as expected\n");
+    test_context.result_code = kResultCheckFailed;
+    test_context.failed_line = test_context.line_number;
+    if (test_context.line_number > 0) {
+        printf("ERROR, test at line %d failed!\n", test_context.line_number);
+    } else {
+        printf("ERROR, test failed!\n");
+    }
+    ttrace(stream, "TTRACE: analyze exit.\n");
+    return 0;
+}

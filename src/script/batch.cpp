@@ -1,0 +1,130 @@
+// Batch runner: feeds a batch input file line by line to the dispatcher and
+// writes the transcript testers diff.
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+#include "context/context.h"
+#include "script/script.h"
+
+namespace {
+
+constexpr int kToolVersion = 1;
+constexpr std::size_t kLineBufferSize = 256;
+// fgets keeps one byte for its terminator, so a piece holds at most 254
+// characters and the buffer always ends in zero bytes.
+constexpr int kLinePieceRead = 255;
+constexpr std::size_t kCtimeTextSize = 26;
+
+struct BatchLine {
+    char text[kLineBufferSize];
+    char read_time[kCtimeTextSize];  // ctime text of the moment the line was read
+};
+
+// ctime fails only for years it cannot print; the transcript then shows
+// an empty time rather than the run ending.
+const char* ctime_text(const time_t& when) {
+    const char* text = ctime(&when);
+    return text != nullptr ? text : "";
+}
+
+void copy_ctime(char (&target)[kCtimeTextSize], time_t when) {
+    std::memset(target, 0, sizeof target);
+    std::strncpy(target, ctime_text(when), sizeof target - 1);
+}
+
+void read_line(FILE* input, BatchLine& line) {
+    std::memset(line.text, 0, sizeof line.text);
+    if (fgets(line.text, kLinePieceRead, input) == nullptr) line.text[0] = '\0';
+    newline_to_blank(line.text, kLinePieceRead);
+    ++test_context.line_number;
+    copy_ctime(line.read_time, time(nullptr));
+}
+
+void write_banner(FILE* output) {
+    const TestContext& c = test_context;
+    fprintf(output, "Batch test begin at time %s\n", ctime_text(c.start_time));
+    fprintf(output, "Test tool version %.4d \n", kToolVersion);
+    if (c.platform == kPlatformLinux) {
+        fprintf(output, "Linux   test platform,\n");
+    } else {
+        fprintf(output, "Unknown test platform,\n");
+    }
+    if (c.input_file_given) fprintf(output, "batch input   file: %s \n", c.batch_input_file);
+    if (c.output_file_given) fprintf(output, "batch output  file: %s \n", c.batch_output_file);
+    if (c.special_file_given) fprintf(output, "batch special file: %s \n", c.special_file);
+    fflush(output);
+}
+
+void write_summary(FILE* output) {
+    const TestContext& c = test_context;
+    const time_t end_time = time(nullptr);
+    const double elapsed = difftime(end_time, c.start_time);
+    fprintf(output, "Total elapsed time in seconds = %8.2f \n", elapsed);
+    fprintf(output, "Bytes transferred = %10f \n", c.bytes_transferred);
+    // At zero elapsed seconds this is inf (or nan with nothing moved); the
+    // transcript shows it as printf formats it.
+    fprintf(output, "Data rate = %8.2f bytes/second \n", c.bytes_transferred / elapsed);
+    fprintf(output, "Batch test end rc=%d at time %s \n", c.result_code, ctime_text(end_time));
+}
+
+}  // namespace
+
+void newline_to_blank(char* buffer, std::size_t length) {
+    for (std::size_t i = 0; i < length && buffer[i] != '\0'; ++i) {
+        if (buffer[i] == '\n') buffer[i] = ' ';
+    }
+}
+
+void batch_test_menu() {
+    TestContext& c = test_context;
+    c.line_number = 0;
+    ttrace(stdout, "TTRACE: batch_test_menu entered.\n");
+
+    FILE* input = fopen(c.batch_input_file, "r");
+    if (input == nullptr) {
+        fprintf(stderr, "Error opening file '%s' \n", c.batch_input_file);
+        return;
+    }
+    FILE* output = fopen(c.batch_output_file, "w+");
+    if (output == nullptr) {
+        fprintf(stderr, "Error opening file '%s' \n", c.batch_output_file);
+        fclose(input);
+        return;
+    }
+
+    c.start_time = time(nullptr);
+    write_banner(output);
+
+    BatchLine line;
+    read_line(input, line);
+    for (;;) {
+        fprintf(output, "%.8s Line %5d >>> %s \n", line.read_time + 11, c.line_number, line.text);
+        // A read error (say the input names a directory) ends the input as
+        // surely as its end does; otherwise the loop would never finish.
+        if (feof(input) || ferror(input)) break;
+        if (c.skip_count != 0) {
+            fprintf(output, "   line skipped. \n");
+            // A negative count skips every remaining line; it must not wrap
+            // round to a positive one.
+            if (c.skip_count != INT32_MIN) --c.skip_count;
+        } else {
+            process(line.text, output);
+        }
+        if (c.result_code != 0) break;
+        read_line(input, line);
+    }
+
+    write_summary(output);
+    if (c.result_code != 0) {
+        if (c.failed_line > 0) {
+            printf("Test \"%s\" has failed at line %d.\n", c.batch_input_file, c.failed_line);
+        } else {
+            printf("Test \"%s\" has failed.\n", c.batch_input_file);
+        }
+    }
+    fflush(output);
+    fclose(input);
+    fclose(output);
+    ttrace(stdout, "TTRACE: batch_test_menu exit.\n");
+}
