@@ -14,8 +14,6 @@ setup() {
         fi
     done
     setup_workdir
-    # The scripts inject faults with `system vpathsim ...`.
-    PATH=$(dirname "$VPATHSIM"):$PATH
 }
 
 teardown() {
@@ -45,16 +43,29 @@ run_example() {
 
 @test "failover-path: I/O survives path failures, fails with EIO without paths" {
     run_example failover-path
+    grep -q '^Set Device 0 Path 1 to offline$' failover-path.out
+    grep -q '^analyze return code -1  errno 5 (EIO) $' failover-path.out
+    grep -q '^Error setting path state: Invalid Parameter$' failover-path.out
 }
 
 @test "failover-adapter: I/O survives an adapter failure" {
     run_example failover-adapter
+    grep -q "^Adapter 0: scsi0	State: Failed	    Mode: Active$" failover-adapter.out
+    grep -q '^Completion Status: Last Path$' failover-adapter.out
+    grep -q '^Error setting adapter state: Invalid Adapter$' failover-adapter.out
 }
 
 @test "statistics: device and adapter counters" {
     run_example statistics
+    # Ten one-sector writes, five 4 KiB reads, two 128 KiB reads on vpath0.
+    grep -q '^I/O:                     7           10            0             0         1$' statistics.out
+    grep -q '^                        10            5            0             0         2$' statistics.out
 }
 
 @test "inquiry-branch: if and skip on the INQUIRY data" {
     run_example inquiry-branch
+    [[ "$output" == *" simulated storage "* ]]
+    [[ "$output" == *" controller 0 of device 0 is active "* ]]
+    [[ "$output" == *" vendor-specific bytes name the simulator "* ]]
+    grep -q '^  vendor id:               NEWCO   $' inquiry-branch.out
 }
