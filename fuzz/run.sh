@@ -52,10 +52,10 @@ seed_statements() {
 # Seeds: small trace reports (mask byte, entry count, bytes reported, entries).
 seed_trace_reports() {
     local dir=$1
-    printf '\x70\x03\x00\x00\x00\x00\x00\x00\x00%s' \
+    printf '\x7c\x03\x00\x00\x00\x00\x00\x00\x00%s' \
         '0EENTRY open\n' '0DEXIT open \n' '0Cdebug: x  \n' > "$dir/seed-1"
-    printf '\x10\x02\x00\x00\x00\x00\x00\x00\x00%s' '09ENTRYab.' '08EXITab.' > "$dir/seed-2"
-    printf '\x40\x01\x00\x00\x00\x00\x00\x00\x00%s' 'ffdebug' > "$dir/seed-3"
+    printf '\x14\x02\x00\x00\x00\x00\x00\x00\x00%s' '09ENTRYab.' '08EXITab.' > "$dir/seed-2"
+    printf '\x4f\x01\x00\x00\x00\x00\x00\x00\x00%s' 'ffdebug' > "$dir/seed-3"
 }
 
 mkdir -p "$build/artifacts"
