@@ -7,26 +7,52 @@
 #include "device/device.h"
 
 namespace {
-// Seeds with the sector after saving one draw of the running sequence;
-// the returned draw reseeds it once the pattern is done.
-unsigned begin_pattern(int64_t sector) {
+// glibc's rand() is random() on a TYPE_3 state (128 bytes) behind a lock,
+// and srand() seeds that state with srandom_r(). The pattern draws from a
+// private state of the same type, seeded the same way, so each byte is the
+// value srand(sector) followed by rand() would give, without taking the
+// lock 252 times a record (that lock was most of a 512-byte write's cost).
+// The running sequence itself still goes through rand() and srand().
+struct PatternGenerator {
+    char state[128]{};
+    random_data data{};
+    PatternGenerator() { initstate_r(1, state, sizeof state, &data); }
+};
+
+PatternGenerator& pattern_generator() {
+    static PatternGenerator generator;
+    return generator;
+}
+
+// Draws one value of the running sequence before seeding with the sector;
+// the caller reseeds the running sequence with it once the pattern is done.
+unsigned begin_pattern(int64_t sector, random_data*& data) {
     auto saved = static_cast<unsigned>(rand());
-    srand(static_cast<uint32_t>(sector));
+    data = &pattern_generator().data;
+    srandom_r(static_cast<uint32_t>(sector), data);
     return saved;
+}
+
+uint8_t next_pattern_byte(random_data* data) {
+    int32_t value = 0;
+    random_r(data, &value);
+    return static_cast<uint8_t>(value);
 }
 }  // namespace
 
 void fill_record_pattern(uint8_t* record, int64_t sector) {
-    unsigned saved = begin_pattern(sector);
-    for (int32_t i = kPatternBegin; i < kPatternEnd; ++i) record[i] = static_cast<uint8_t>(rand());
+    random_data* data = nullptr;
+    unsigned saved = begin_pattern(sector, data);
+    for (int32_t i = kPatternBegin; i < kPatternEnd; ++i) record[i] = next_pattern_byte(data);
     srand(saved);
 }
 
 int32_t verify_record_pattern(const uint8_t* record, int64_t sector, uint8_t& expected) {
-    unsigned saved = begin_pattern(sector);
+    random_data* data = nullptr;
+    unsigned saved = begin_pattern(sector, data);
     int32_t mismatch = -1;
     for (int32_t i = kPatternBegin; i < kPatternEnd; ++i) {
-        auto value = static_cast<uint8_t>(rand());
+        uint8_t value = next_pattern_byte(data);
         if (record[i] != value) {
             mismatch = i;
             expected = value;

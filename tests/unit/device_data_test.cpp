@@ -86,6 +86,19 @@ TEST(RecordPattern, SeededBySectorAndReseededByOneDraw) {
     EXPECT_EQ(expected, pattern[96]);
 }
 
+// The pattern is drawn from a private generator; it must stay byte for byte
+// what srand(sector) and rand() give, or records of older runs stop verifying.
+TEST(RecordPattern, MatchesSrandAndRandForEverySeedClass) {
+    const int64_t sectors[] = {0, 1, 2, 31, 344, 2147483647, 2147483648LL, 4294967295LL, -1, -2147483648LL,
+                               0x7fffffffffffffffLL};
+    for (int64_t sector : sectors) {
+        uint8_t record[256] = {};
+        fill_record_pattern(record, sector);
+        EXPECT_EQ(std::vector<uint8_t>(record + 4, record + 256), expected_pattern(static_cast<unsigned>(sector)))
+            << "sector " << sector;
+    }
+}
+
 TEST(RandomSector, StaysWithinBlockMax) {
     reset_test_context();
     block_max = 0;
