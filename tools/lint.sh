@@ -7,6 +7,7 @@
 #
 # BUILD_DIR must hold compile_commands.json (any configured preset does;
 # default build/test). Set LINT_JOBS to change the parallelism (default 2).
+# Exit status 77 (a skip for CTest) when clang-tidy or cppcheck is missing.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build/test}
@@ -15,8 +16,8 @@ if [ ! -f "$build/compile_commands.json" ]; then
     echo "lint: no compile_commands.json in $build (configure a preset first)" >&2
     exit 2
 fi
-tidy=$(command -v clang-tidy-14 || command -v clang-tidy) || { echo "lint: clang-tidy not found" >&2; exit 2; }
-command -v cppcheck > /dev/null || { echo "lint: cppcheck not found" >&2; exit 2; }
+tidy=$(command -v clang-tidy-14 || command -v clang-tidy) || { echo "lint: clang-tidy not found" >&2; exit 77; }
+command -v cppcheck > /dev/null || { echo "lint: cppcheck not found" >&2; exit 77; }
 
 status=0
 cd "$root" || exit 2
