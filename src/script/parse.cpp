@@ -17,7 +17,9 @@ struct Keyword {
 };
 
 // Tested in this order; `command` and `result` are handled before the table
-// because the scan goes on after them.
+// because the scan goes on after them. `type` and `pause` report where they
+// stand, like `set`, `symbols` and `exit`, although only those three must
+// stand first.
 constexpr Keyword kStoppingKeywords[] = {
     {"set", StatementKind::set, true},
     {"if", StatementKind::if_statement, false},
@@ -26,8 +28,8 @@ constexpr Keyword kStoppingKeywords[] = {
     {"system", StatementKind::system, false},
     {"symbols", StatementKind::symbols, true},
     {"exit", StatementKind::exit, true},
-    {"type", StatementKind::type, false},
-    {"pause", StatementKind::pause, false},
+    {"type", StatementKind::type, true},
+    {"pause", StatementKind::pause, true},
 };
 
 constexpr bool must_be_well_placed(StatementKind kind) {

@@ -68,8 +68,8 @@ TEST_F(ParseTest, EachKeywordGivesItsKindAndIndex) {
         {"set block_seek = 1", StatementKind::set, 0},
         {"symbols", StatementKind::symbols, 0},
         {"exit", StatementKind::exit, 0},
-        {"note type hello", StatementKind::type, -1},
-        {"a b pause", StatementKind::pause, -1},
+        {"note type hello", StatementKind::type, 1},
+        {"a b pause", StatementKind::pause, 2},
         {"x if vendor_id has X close", StatementKind::if_statement, -1},
         {"skip 3", StatementKind::skip, -1},
         {"run system ls", StatementKind::system, -1},
@@ -92,7 +92,7 @@ TEST_F(ParseTest, ScanStopsAtTheFirstStoppingKeyword) {
     EXPECT_EQ(p.command_index, 0);
     Parsed q("type set", out.get());
     EXPECT_EQ(q.kind, StatementKind::type);
-    EXPECT_EQ(q.statement_index, -1);
+    EXPECT_EQ(q.statement_index, 0);
 }
 
 TEST_F(ParseTest, CommandWithoutResultAndWithShortResult) {
