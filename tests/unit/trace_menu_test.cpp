@@ -515,13 +515,21 @@ TEST_F(TraceMenu, LongOutputFileName) {
     EXPECT_EQ(std::string(trace_state.output_file_name), name);
     EXPECT_NE(trace_state.output_stream, nullptr);
     EXPECT_TRUE(std::filesystem::exists(name));
-    // A longer line is read 255 characters at a time; the rest is the next answer.
-    std::string longer(300, '7');
+}
+
+TEST_F(TraceMenu, OverlongLineIsOneAnswer) {
+    // Past the first 255 characters the rest of the line is dropped, never
+    // taken as the next selection: here it would clear the trace table.
     testing::internal::CaptureStderr();
-    session("8\n4\n" + longer + "\n\n99\n");
+    session("8\n4\n" + std::string(255, '7') + "23\n99\n");
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(std::string(trace_state.output_file_name), std::string(255, '7'));
-    EXPECT_NE(output.find("invalid input, return to continue\n"), std::string::npos);
+    EXPECT_TRUE(driver.requests.empty());
+    EXPECT_EQ(output.find("invalid input"), std::string::npos);
+
+    session("50" + std::string(253, ' ') + "23\n99\n");
+    EXPECT_TRUE(driver.requests.empty());
+    EXPECT_EQ(occurrences(output, "enter selection: "), 2u);
 }
 
 TEST_F(TraceMenu, EndOfInputLeavesFromEveryPrompt) {
