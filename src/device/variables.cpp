@@ -27,8 +27,10 @@ constexpr VariableName kVariables[] = {
 // writable memory would overwrite the tool's state (the context, the stack,
 // the stdio buffers) behind its back. Such addresses are refused: the
 // override stays unarmed, as if the statement had asked for the tool's own
-// buffer. Addresses elsewhere (unmapped or read-only) are handed on, and the
-// system call reports EFAULT for them, which is what a tester probes for.
+// buffer, and that holds even when an earlier `set buffer` is still armed:
+// the latest statement decides where the next transfer goes. Addresses
+// elsewhere (unmapped or read-only) are handed on, and the system call
+// reports EFAULT for them, which is what a tester probes for.
 bool address_in_writable_memory(uint64_t address, uint64_t length) {
     FILE* maps = fopen("/proc/self/maps", "r");
     if (maps == nullptr) return true;  // cannot tell: refuse
@@ -91,6 +93,7 @@ int execute_set(const char* line, FILE* stream, const TokenList& tokens, int32_t
             if (address_in_writable_memory(static_cast<uint64_t>(value), kIoBufferSize)) {
                 fprintf(stream, "The buffer address %lx lies in the tool's own memory, not set.\n",
                         static_cast<unsigned long>(value));
+                test_context.buffer_override_armed = 0;
             } else {
                 test_context.buffer_override = value;
                 test_context.buffer_override_armed = 1;

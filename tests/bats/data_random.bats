@@ -128,6 +128,53 @@ EOF2
     done < reads
 }
 
+@test "a random transfer whose seek fails names the sector twice and keeps the old identifier" {
+    # A FIFO opens read and write without blocking, and every seek on it
+    # fails with ESPIPE.
+    mkfifo fifo
+    cat > test.in <<'EOF2'
+command open disk.img RW
+command write records = 1 data = 77
+command close
+command open fifo RW
+command random_read blocks = 3 result rc == -1 errno == 29 data == 77
+command random_write blocks = 2 result rc == -1 errno == 29 data == 77
+command close
+EOF2
+    run_masked
+    [ "$status" -eq 0 ]
+    {
+        banner test.in test.out
+        echo_line 1 "command open disk.img RW"
+        echo "Open mode: Read and wirte."
+        outcome FD
+        echo_line 2 "command write records = 1 data = 77"
+        printf 'wrote 512 bytes, sector = 0, data = 77, %s\n' "$(head_bytes 77 0)"
+        outcome 512
+        echo_line 3 "command close"
+        outcome 0
+        echo_line 4 "command open fifo RW"
+        echo "Open mode: Read and wirte."
+        outcome FD
+        # The first record's seek ends the command: one pair of lines.
+        echo_line 5 "command random_read blocks = 3 result rc == -1 errno == 29 data == 77"
+        echo "...Error seeking to sector 0 "
+        echo "Error reading 512 bytes, sector = 0, data = 77 "
+        outcome -1 29 77
+        return_error 29
+        # The identifier is only stored once the seek has worked.
+        echo_line 6 "command random_write blocks = 2 result rc == -1 errno == 29 data == 77"
+        echo "....Error seeking to sector 0 "
+        echo "Error writing 512 bytes, sector = 0, data = 77 "
+        outcome -1 29 77
+        return_error 29
+        echo_line 7 "command close"
+        outcome 0
+        eof_line 8
+        footer 512 0
+    } | assert_file masked.out
+}
+
 @test "a wrong blocks keyword is a syntax error, the command still runs" {
     printf 'command open disk.img RW\ncommand random_write block = 1 result rc == 512\n' > test.in
     run_masked

@@ -105,6 +105,13 @@ TEST_F(Variables, BufferInsideOwnWritableMemoryIsRefused) {
         EXPECT_EQ(out.take(), expected);
         EXPECT_EQ(test_context.buffer_override_armed, 0);
     }
+    // A refused address also drops an override still armed from before: the
+    // next transfer goes to the tool's own buffer, not to the older address.
+    EXPECT_EQ(set("buffer = 4096"), 1);
+    EXPECT_EQ(set("buffer = " + std::to_string(reinterpret_cast<uintptr_t>(&on_stack))), 1);
+    out.take();
+    EXPECT_EQ(test_context.buffer_override_armed, 0);
+    EXPECT_EQ(select_buffer(&on_stack), &on_stack);
     // A range that merely ends inside writable memory is refused too.
     uintptr_t below = reinterpret_cast<uintptr_t>(&test_context) - 4096;
     EXPECT_TRUE(address_in_writable_memory(below, kIoBufferSize));
