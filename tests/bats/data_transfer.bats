@@ -168,10 +168,11 @@ EOF2
     [ ! -s disk.img ]
 }
 
-@test "a write on a read-only open fails with EBADF" {
+@test "write and random_write on a read-only open fail with EBADF" {
     cat > test.in <<'EOF2'
 command open disk.img RO
 command write records = 3 result rc == -1 errno == EBADF
+command random_write blocks = 2 result rc == -1 errno == EBADF
 command read result rc == 0
 EOF2
     run_masked
@@ -185,10 +186,14 @@ EOF2
         echo "Error writing 512 bytes, sector = 0, data = 0 "
         outcome -1 9
         return_error 9
-        echo_line 3 "command read result rc == 0"
+        echo_line 3 "command random_write blocks = 2 result rc == -1 errno == EBADF"
+        echo "Error writing 512 bytes, sector = 0, data = 0 "
+        outcome -1 9
+        return_error 9
+        echo_line 4 "command read result rc == 0"
         printf 'read 512 bytes, sector = 0, data = 0, %s\n' "$(head_bytes 0 0)"
         outcome 0
-        eof_line 4
+        eof_line 5
         footer 0 0
     } | assert_file masked.out
 }

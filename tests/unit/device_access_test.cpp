@@ -44,7 +44,7 @@ TEST(DeviceAccess, ControlRequestDumpsRecordBeforeAndAfter) {
         static_cast<uint8_t*>(r)[0] = 0xab;
         return 7;  // a positive driver result still counts as success
     });
-    Capture out;
+    CapturedStream out;
     EXPECT_EQ(ps_ddioctl(out.stream, 3, 0x6402, record, sizeof record), 0);
     char address[64];
     snprintf(address, sizeof address, "TTRACE: system ioctl, address  =0x%lx \n", reinterpret_cast<unsigned long>(record));
@@ -68,7 +68,7 @@ TEST(DeviceAccess, FailedControlRequestTracesErrno) {
         errno = ENOTTY;
         return -1;
     });
-    Capture out;
+    CapturedStream out;
     EXPECT_EQ(ps_ddioctl(out.stream, 3, 0x640d, nullptr, 0), -1);
     EXPECT_EQ(errno, ENOTTY);
     std::string text = out.take();
@@ -87,7 +87,7 @@ TEST(DeviceAccess, FailuresAreSilentWithoutTrace) {
         errno = EIO;
         return -1;
     });
-    Capture out;
+    CapturedStream out;
     uint8_t byte = 0;
     EXPECT_EQ(ps_ddioctl(out.stream, 3, 0x6403, &byte, 1), -1);
     EXPECT_EQ(ps_read(out.stream, -1, &byte, 1), -1);
@@ -103,7 +103,7 @@ TEST(DeviceAccess, TracedReadWriteSeek) {
     int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
     TraceOn on;
-    Capture out;
+    CapturedStream out;
     uint8_t data[16] = {1, 2, 3};
     EXPECT_EQ(ps_write(out.stream, fd, data, sizeof data), 16);
     EXPECT_EQ(ps_lseek(out.stream, fd, 4), 4);

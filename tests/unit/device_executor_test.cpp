@@ -12,7 +12,7 @@ namespace {
 // Output of the syntax-error line goes to standard output; tests look at the
 // result code instead.
 struct Executor : ::testing::Test {
-    Capture out;
+    CapturedStream out;
     CommandOutcome outcome{};
     void SetUp() override { fresh_context(); }
     void TearDown() override { fresh_context(); }
@@ -37,14 +37,10 @@ TEST_F(Executor, NamesMatchOnlyAtFullLength) {
         EXPECT_EQ(out.take(), "ERROR execute_command unrecognized command (" + clause + ")\n");
         EXPECT_EQ(test_context.result_code, -2);
     }
-    test_context.result_code = 0;
-    EXPECT_EQ(run("read_verify"), 1);
-    EXPECT_EQ(out.take(), "tarnwick error execute_command device closed\n");
-    EXPECT_EQ(test_context.result_code, 0);
 }
 
-TEST_F(Executor, ClosedDeviceMessagesFollowTheTable) {
-    outcome.data = 99;
+// The messages are in the black-box transcripts; the outcome they leave is not.
+TEST_F(Executor, ClosedDeviceLeavesTheOutcomeZeroAndDataAlone) {
     for (const char* name : {"read", "read_verify", "write", "random_read", "random_write", "get_inquiry",
                              "device_capacity"}) {
         CommandOutcome o{1, 2, 3, 4, 99};
@@ -56,19 +52,9 @@ TEST_F(Executor, ClosedDeviceMessagesFollowTheTable) {
         EXPECT_EQ(o.residual, 0);
         EXPECT_EQ(o.data, 99);  // the executor leaves data alone
     }
-    for (const char* name : {"get_adapter_info", "get_number_devices", "get_device_state", "set_path",
-                             "set_adapter", "get_adapter_stats", "get_dev_stats", "set_controller"}) {
-        EXPECT_EQ(run(name), 1);
-        EXPECT_EQ(out.take(), "tarnwick error execute_command devices closed\n") << name;
-    }
-    EXPECT_EQ(run("close"), 1);
-    EXPECT_EQ(out.take(), "tarnwick error execute_command already closed\n");
-    EXPECT_EQ(run("display_block"), 1);
-    EXPECT_EQ(out.take().substr(0, 20), "Contents of sector 0");
-    EXPECT_EQ(test_context.result_code, 0);
 }
 
-TEST_F(Executor, OpenModesAndSecondOpen) {
+TEST_F(Executor, OpenModesAndClose) {
     struct Case {
         const char* mode;
         const char* message;
@@ -91,11 +77,6 @@ TEST_F(Executor, OpenModesAndSecondOpen) {
         EXPECT_EQ(sector_size, 512);
         EXPECT_EQ(test_context.open_device[0], '\0');  // not opened by number
 
-        EXPECT_EQ(run("open /dev/zero RO"), 1);
-        EXPECT_EQ(out.take(), "tarnwick error in execute_command, device already open.\n");
-        EXPECT_EQ(test_context.device_handle, fd);
-        EXPECT_EQ(outcome.return_code, 0);
-
         EXPECT_EQ(run("close"), 1);
         EXPECT_EQ(outcome.return_code, 0);
         EXPECT_EQ(test_context.device_handle, -1);
@@ -111,12 +92,6 @@ TEST_F(Executor, FailedOpenCapturesErrno) {
     EXPECT_EQ(outcome.error_number, ENOENT);
     EXPECT_EQ(test_context.device_handle, -1);
     EXPECT_EQ(block_max, 77);  // only a successful open resets it
-    out.take();
-    // All flag bits set ask for a directory, which a file never is.
-    EXPECT_EQ(run("open /dev/null INVALID"), 1);
-    EXPECT_EQ(out.take(), " open INVALID.\n");
-    EXPECT_EQ(outcome.return_code, -1);
-    EXPECT_EQ(outcome.error_number, ENOTDIR);
 }
 
 TEST_F(Executor, InvalidModeAndShortStatementsAreNotExecuted) {
@@ -129,13 +104,7 @@ TEST_F(Executor, InvalidModeAndShortStatementsAreNotExecuted) {
     }
 }
 
-TEST_F(Executor, DollarDNeedsTheCommandLineFile) {
-    EXPECT_EQ(run("open $D RO"), 1);
-    EXPECT_EQ(out.take(), "error, no special file given on command line.\nOpen mode: Read only.\n");
-    EXPECT_EQ(test_context.result_code, -2);
-    EXPECT_EQ(outcome.return_code, -1);  // "$D" itself does not exist
-
-    test_context.result_code = 0;
+TEST_F(Executor, DollarDIsMatchedOnItsFirstTwoCharacters) {
     test_context.special_file_given = 1;
     snprintf(test_context.special_file, sizeof test_context.special_file, "/dev/zero");
     EXPECT_EQ(run("open $Dxyz RO"), 1);
@@ -145,22 +114,10 @@ TEST_F(Executor, DollarDNeedsTheCommandLineFile) {
 }
 
 TEST_F(Executor, DeviceNumbersOpenVpathFiles) {
-    test_context.trace = 1;
     test_context.special_file_given = 1;
     snprintf(test_context.special_file, sizeof test_context.special_file, "2");
     EXPECT_EQ(run("open $D RW"), 1);
-    test_context.trace = 0;
     EXPECT_STREQ(test_context.open_device, "/dev/vpath2");
-    EXPECT_EQ(out.take(), std::string("TTRACE: execute_command entered (open $D RW).\n"
-                                      "device file (2) will be opened \n"
-                                      "Open mode: Read and wirte.\n"
-                                      "ps_open will open file </dev/vpath2> \n"
-                                      "TTRACE: open flags = 2 \n"
-                                      "TTRACE: calling ps_open. \n"
-                                      "ps_open file </dev/vpath2> \n"
-                                      "Error! system open failed. errno=2 \n"
-                                      "       Error is ") +
-                              strerror(ENOENT) + ".\nTTRACE: ps_open exit. \nTTRACE: execute_command exit.\n");
     EXPECT_EQ(outcome.error_number, ENOENT);
     // A name that is not all digits leaves the last number's path shown.
     EXPECT_EQ(run("open 12a RO"), 1);

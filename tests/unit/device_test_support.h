@@ -1,4 +1,4 @@
-// Shared by the device unit tests: statements tokenized on blanks, a
+// Shared by the unit tests: statements tokenized on blanks and tabs, a
 // captured output stream, and a context reset to its start values.
 #pragma once
 
@@ -9,6 +9,8 @@
 #include "context/context.h"
 #include "device/device.h"
 
+// A statement line whose whole text is the command clause, split on blanks
+// and tabs as the tokenizer does for these simple lines.
 struct Statement {
     std::string text;
     TokenList tokens{};
@@ -17,37 +19,51 @@ struct Statement {
     explicit Statement(std::string line) : text(std::move(line)) {
         std::size_t i = 0;
         while (i < text.size() && count < kMaxTokens) {
-            while (i < text.size() && text[i] == ' ') ++i;
+            while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
             if (i == text.size()) break;
             std::size_t begin = i;
-            while (i < text.size() && text[i] != ' ') ++i;
+            while (i < text.size() && text[i] != ' ' && text[i] != '\t') ++i;
             tokens.start[count] = static_cast<int32_t>(begin);
             tokens.length[count] = static_cast<int32_t>(i - begin);
             ++count;
         }
     }
+    CommandClause clause() const { return CommandClause{text.c_str(), &tokens, 0, count}; }
 };
 
-// A stream whose contents can be taken as a string.
-struct Capture {
-    char* data = nullptr;
-    std::size_t size = 0;
-    FILE* stream = open_memstream(&data, &size);
-
-    std::string take() {
-        fflush(stream);
-        std::string s(data, size);
+// An output stream whose bytes (NULs included) can be read back.
+class CapturedStream {
+public:
+    CapturedStream() = default;
+    CapturedStream(const CapturedStream&) = delete;
+    CapturedStream& operator=(const CapturedStream&) = delete;
+    ~CapturedStream() {
         fclose(stream);
-        free(data);
-        data = nullptr;
-        size = 0;
-        stream = open_memstream(&data, &size);
+        free(data_);
+    }
+
+    FILE* get() const { return stream; }
+    std::string text() {
+        fflush(stream);
+        return std::string(data_, size_);
+    }
+    // The text so far, and a fresh empty stream for what follows.
+    std::string take() {
+        std::string s = text();
+        fclose(stream);
+        free(data_);
+        data_ = nullptr;
+        size_ = 0;
+        stream = open_memstream(&data_, &size_);
         return s;
     }
-    ~Capture() {
-        fclose(stream);
-        free(data);
-    }
+
+private:
+    char* data_ = nullptr;
+    std::size_t size_ = 0;
+
+public:
+    FILE* stream = open_memstream(&data_, &size_);
 };
 
 // Runs "command ..." text (without the word command) through the executor.

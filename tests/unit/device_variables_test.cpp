@@ -7,7 +7,7 @@
 namespace {
 
 struct Variables : ::testing::Test {
-    Capture out;
+    CapturedStream out;
     void SetUp() override { fresh_context(); }
     void TearDown() override { fresh_context(); }
     int set(const std::string& rest) {

@@ -91,14 +91,14 @@ TEST_F(InquiryCommand, ReportTraceLines) {
     InquiryRecord r = sample_inquiry();
     CapturedStream stream;
     test_context.trace = 1;
-    fprintf_inquiry_data(stream.file, reinterpret_cast<const uint8_t*>(&r.data));
+    fprintf_inquiry_data(stream.get(), reinterpret_cast<const uint8_t*>(&r.data));
     EXPECT_EQ(stream.text(),
               "TTRACE: fprintf_inquiry_data entered.\n" + kSampleReport + "TTRACE: fprintf_inquiry_data exit.\n");
 }
 
 TEST_F(InquiryCommand, AllZeroData) {
     CapturedStream stream;
-    fprintf_inquiry_data(stream.file, test_context.inquiry_data);
+    fprintf_inquiry_data(stream.get(), test_context.inquiry_data);
     EXPECT_EQ(stream.text(),
               "INQUIRY data:\n"
               "  devtype             0 \n"

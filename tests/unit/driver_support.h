@@ -14,49 +14,9 @@
 #include <vector>
 
 #include "context/context.h"
+#include "device_test_support.h"
 #include "driver/driver.h"
 #include "fake_ioctl.h"
-
-// A statement line whose whole text is the command clause, split on blanks
-// and tabs as the tokenizer does for these simple lines.
-struct Statement {
-    std::string line;
-    TokenList tokens{};
-    int32_t count = 0;
-
-    explicit Statement(std::string text) : line(std::move(text)) {
-        std::size_t i = 0;
-        while (i < line.size() && count < kMaxTokens) {
-            while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-            if (i >= line.size()) break;
-            std::size_t start = i;
-            while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
-            tokens.start[count] = static_cast<int32_t>(start);
-            tokens.length[count] = static_cast<int32_t>(i - start);
-            ++count;
-        }
-    }
-    CommandClause clause() const { return CommandClause{line.c_str(), &tokens, 0, count}; }
-};
-
-// An output stream whose bytes (NULs included) can be read back.
-struct CapturedStream {
-    char* buffer = nullptr;
-    std::size_t size = 0;
-    FILE* file = open_memstream(&buffer, &size);
-
-    CapturedStream() = default;
-    CapturedStream(const CapturedStream&) = delete;
-    CapturedStream& operator=(const CapturedStream&) = delete;
-    ~CapturedStream() {
-        fclose(file);
-        std::free(buffer);
-    }
-    std::string text() {
-        fflush(file);
-        return std::string(buffer, size);
-    }
-};
 
 // Answers every request by recording what it was sent and writing reply
 // over whatever address the driver was handed.
@@ -91,7 +51,7 @@ inline CommandRun run_command(Command command, const std::string& line) {
     CapturedStream stream;
     CommandRun run;
     testing::internal::CaptureStdout();
-    command(stream.file, statement.clause(), run.outcome);
+    command(stream.get(), statement.clause(), run.outcome);
     fflush(stdout);
     run.console = testing::internal::GetCapturedStdout();
     run.out = stream.text();

@@ -6,14 +6,6 @@
 
 #include "driver_support.h"
 
-TEST(ValueToName, TableEdges) {
-    EXPECT_STREQ(value_to_name(5, completion_status_names), "Last Path");
-    EXPECT_STREQ(value_to_name(7, path_policy_names), "Reserve Policy");
-    EXPECT_STREQ(value_to_name(1, path_policy_names), "Round Robin");
-    EXPECT_STREQ(value_to_name(0, path_state_names), "Closed");
-    EXPECT_STREQ(value_to_name(1, adapter_state_names), "Degraded");
-}
-
 TEST(ValueToName, UnknownValuesShowTheirNumber) {
     EXPECT_STREQ(value_to_name(6, completion_status_names), "Error!!! Unexpected Value (6)");
     // The end entry's value 0 is never matched: there is no policy 0.

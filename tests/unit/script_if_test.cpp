@@ -106,7 +106,7 @@ TEST_F(IfTest, MalformedStatements) {
     };
     test_context.trace = 1;
     for (const Case& c : cases) {
-        MemoryStream stream;
+        CapturedStream stream;
         Parsed p(c.line, stream.get());
         capture_stdout();
         EXPECT_EQ(execute_if(c.line, stream.get(), p.tokens, p.count), -2) << c.line;

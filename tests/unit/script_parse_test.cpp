@@ -126,7 +126,7 @@ TEST_F(ParseTest, BadlyPlacedStatementsAreRejected) {
                              "x symbols", "a set b", "command read command close",
                              "command read result rc == 0 result"}) {
         test_context.result_code = 0;
-        MemoryStream stream;
+        CapturedStream stream;
         capture_stdout();
         Parsed p(line, stream.get());
         EXPECT_EQ(captured_stdout(), "batch file syntax error, line 0 \n") << line;

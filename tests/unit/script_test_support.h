@@ -1,5 +1,5 @@
-// Helpers for the statement-language unit tests: a stream whose text can be
-// read back, and a fresh context per test.
+// Helpers for the statement-language unit tests: a fresh context per test
+// and a parse of one line.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,29 +9,8 @@
 #include <string>
 
 #include "context/context.h"
+#include "device_test_support.h"
 #include "script/script.h"
-
-class MemoryStream {
-public:
-    MemoryStream() : file_(open_memstream(&buffer_, &size_)) {}
-    ~MemoryStream() {
-        fclose(file_);
-        free(buffer_);
-    }
-    MemoryStream(const MemoryStream&) = delete;
-    MemoryStream& operator=(const MemoryStream&) = delete;
-
-    FILE* get() const { return file_; }
-    std::string text() {
-        fflush(file_);
-        return std::string(buffer_, size_);
-    }
-
-private:
-    char* buffer_ = nullptr;
-    std::size_t size_ = 0;
-    FILE* file_;
-};
 
 class ScriptTest : public ::testing::Test {
 protected:
@@ -51,7 +30,7 @@ protected:
         return ::testing::internal::GetCapturedStdout();
     }
 
-    MemoryStream out;
+    CapturedStream out;
 };
 
 // A parse of one line with every output captured.

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "device_test_support.h"
 #include "trace/trace.h"
 
 namespace {
@@ -141,12 +142,9 @@ TEST(TraceRecordDisplay, ShowsEveryField) {
     r.last_offset = 5;
     r.total_entries = 6;
     r.lap_count = 4000000000u;
-    char* text = nullptr;
-    std::size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    fprintf_trace_argument(out, r);
-    fclose(out);
-    EXPECT_STREQ(text,
+    CapturedStream out;
+    fprintf_trace_argument(out.get(), r);
+    EXPECT_EQ(out.text(),
                  "\nTrace Argument Contents:\n"
                  "  command: DD_TRACE_REPORT     current flags 0x00001035\n"
                  "  Console printf:    1  Trace lock:        1  Platform specific: 0  Common code:       0\n"
@@ -158,7 +156,6 @@ TEST(TraceRecordDisplay, ShowsEveryField) {
                  "  first offset:        4  last offset:          5\n"
                  "  entry count:         3  total entry:          6\n"
                  "  lap_count:    4000000000\n");
-    free(text);
 }
 
 TEST(TraceRecordDisplay, CommandNames) {
@@ -169,13 +166,9 @@ TEST(TraceRecordDisplay, CommandNames) {
         TraceArgumentRecord r{};
         r.command = commands[i];
         r.flags = TRACE_PS | TRACE_CC | TRACE_PAUSE | TRACE_COMPRESS | TRACE_DEBUG;
-        char* text = nullptr;
-        std::size_t size = 0;
-        FILE* out = open_memstream(&text, &size);
-        fprintf_trace_argument(out, r);
-        fclose(out);
-        std::string shown(text);
-        free(text);
+        CapturedStream out;
+        fprintf_trace_argument(out.get(), r);
+        std::string shown = out.text();
         EXPECT_NE(shown.find(std::string("  command: ") + expected[i] + "  current flags 0x0000034a\n"),
                   std::string::npos);
         EXPECT_NE(shown.find("  Console printf:    0  Trace lock:        0  Platform specific: 1  Common code:       1\n"
@@ -186,15 +179,11 @@ TEST(TraceRecordDisplay, CommandNames) {
 }
 
 TEST(TraceRecordDisplay, FlagDigit) {
-    char* text = nullptr;
-    std::size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    fprintf_trace_flag(out, "X: ", 0x30, 0x10);
-    fprintf_trace_flag(out, "Y: ", 0x30, 0x40);
-    fprintf_trace_flag(out, "Z: ", 0x100000000ull, 0x100000000ull);
-    fclose(out);
-    EXPECT_STREQ(text, "  X: 1  Y: 0  Z: 1");
-    free(text);
+    CapturedStream out;
+    fprintf_trace_flag(out.get(), "X: ", 0x30, 0x10);
+    fprintf_trace_flag(out.get(), "Y: ", 0x30, 0x40);
+    fprintf_trace_flag(out.get(), "Z: ", 0x100000000ull, 0x100000000ull);
+    EXPECT_EQ(out.text(), "  X: 1  Y: 0  Z: 1");
 }
 
 namespace {
@@ -213,14 +202,9 @@ struct RawReport {
         std::memcpy(state.raw_buffer.get() + kTraceDumpCountOffset, &count, sizeof count);
     }
     std::string write() {
-        char* text = nullptr;
-        std::size_t size = 0;
-        FILE* out = open_memstream(&text, &size);
-        write_raw_report(out, state);
-        fclose(out);
-        std::string s(text, size);
-        free(text);
-        return s;
+        CapturedStream out;
+        write_raw_report(out.get(), state);
+        return out.text();
     }
 };
 

@@ -312,21 +312,6 @@ TEST_F(TraceMenu, SnapshotPausesOnlyARunningCommonCodeTrace) {
     EXPECT_EQ(file_text("trace.out"), four);
 }
 
-TEST_F(TraceMenu, SnapshotTracedLines) {
-    test_context.trace = 1;
-    driver.flags = TRACE_CC;
-    session("22\n99\n");
-    test_context.trace = 0;
-    const char* lines[] = {"TTRACE begin snapshot, get flags \n", "TTRACE set pause 0x1 \n",
-                           "TTRACE request report 0x2 \n",      "TTRACE set unpause 0x1 \n",
-                           "TTRACE calling dd_trace_format_report \n", "TTRACE cook_report_bytes = 33 \n"};
-    std::size_t at = 0;
-    for (const char* line : lines) {
-        at = stream_text.find(line, at);
-        ASSERT_NE(at, std::string::npos) << line;
-    }
-}
-
 TEST_F(TraceMenu, SnapshotFailures) {
     struct Case {
         int command;
@@ -386,20 +371,6 @@ TEST_F(TraceMenu, RequestFailureMessages) {
     driver = PlayedDriver{};
     session("23\n99\n");
     EXPECT_EQ(output, std::string(kShortPass) + kShortPass);
-}
-
-TEST_F(TraceMenu, NoDeviceOpenEveryRequestFails) {
-    test_context.device_handle = -1;
-    FILE* in = tmpfile();
-    fputs("1\n\n22\n\n99\n", in);
-    rewind(in);
-    FILE* out = tmpfile();
-    EXPECT_EQ(trace_menu_session(stdout, in, out), 99);  // the real ioctl: EBADF
-    std::string text = contents(out);
-    fclose(in);
-    fclose(out);
-    EXPECT_EQ(text, std::string(kShortPass) + "rc = -1  enter to continue: " + kShortPass +
-                        "snapshot failed get flags, return to continue\n" + kShortPass);
 }
 
 TEST_F(TraceMenu, InvalidSelections) {
