@@ -45,14 +45,6 @@ $(usage)" ]
     grep -q 'batch output  file: out ' out
 }
 
-@test "usage is printed on every run and trace.out is created" {
-    printf '# nothing\n' > in.tw
-    run "$TARNWICK" -f in.tw -o out.tw
-    [ "$status" -eq 0 ]
-    [ "$output" = "$(usage)" ]
-    [ -f trace.out ]
-}
-
 @test "file names over 199 characters are refused, 199 accepted" {
     long=$(printf 'a%.0s' $(seq 200))
     run "$TARNWICK" -f "$long"
@@ -68,12 +60,4 @@ $(usage)" ]
     run "$TARNWICK" -f a.tw -f b.tw -o first -o second
     [ "$status" -eq 0 ]
     [ -f second ] && [ ! -e first ]
-}
-
-@test "trace.out that cannot be opened ends the run with status 1" {
-    mkdir trace.out
-    printf 'type x\n' > in.tw
-    run "$TARNWICK" -f in.tw -o o.tw
-    [ "$status" -eq 1 ]
-    [[ "$output" == *"trace_init error opening file >trace.out<"* ]]
 }

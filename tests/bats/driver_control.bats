@@ -175,7 +175,7 @@ OUT
     cat > topo.conf <<'CONF'
 adapter fc0
 adapter fc1
-device serial=ACME0001 type=RR-9000 policy=7 size=1M vendor=ACME product=ROADRUNNER-XL-WXYZ revision=9.9 vendor_specific=BEEP
+device serial=ACME0001 type=RR-9000 policy=7 size=1M vendor=ACME product=ROADRUNNER-XL-WXYZ revision=9.9 vendor_specific=BEEP devtype=5
 path sdx adapter=0
 path sdy adapter=1
 device serial=NEWCO0002 size=1M
@@ -233,7 +233,7 @@ analyze return code 0  errno 0 (Successful)
 hh:mm:ss Line     7 >>> if vendor_id == ACME type acme disk  
 hh:mm:ss Line     8 >>> command get_inquiry device 0 result rc == 0  
 INQUIRY data:
-  devtype             0 
+  devtype             5 
   flags       5
   additional_length  40 flags2   2 
   vendor id:               ACME    
