@@ -36,17 +36,6 @@ TEST_F(DispatcherTest, DecimalValueTakesEveryCharacterAsADigitAndWraps) {
     EXPECT_EQ(decimal_value("123", -4), 0);
 }
 
-TEST_F(DispatcherTest, SymbolsListsEveryRowButTheEndEntry) {
-    process("symbols", out.get());
-    const std::string text = out.text();
-    EXPECT_EQ(text.rfind("Symbolic values:\n                          Successful = 0 (0x0)\n", 0), 0u);
-    int rows = 0;
-    for (char c : text) rows += c == '\n';
-    EXPECT_EQ(rows, 19);
-    EXPECT_NE(text.find("                           ENOTREADY = 13 (0xd)\n"), std::string::npos);
-    EXPECT_EQ(text.find("UNKNOWN"), std::string::npos);
-}
-
 TEST_F(DispatcherTest, SkipSetsTheCountFromItsOneArgument) {
     process("skip 3 ", out.get());
     EXPECT_EQ(test_context.skip_count, 3);
