@@ -212,14 +212,21 @@ OUT
 }
 
 @test "unrecognised and badly placed statements stop the run with 254" {
-    for bad in 'Set block_seek = 1' 'hello' 'result rc == 0' 'x command read' 'command set x' \
-               'command read result' 'command exit' 'x symbols' 'note exit'; do
-        printf '%s\ntype after\n' "$bad" > test.in
+    rejected() {
+        printf '%s\ntype after\n' "$1" > test.in
         run "$TARNWICK" -f test.in -o test.out
         [ "$status" -eq 254 ]
         [ "${lines[3]}" = "batch file syntax error, line 1 " ]
         [ "${lines[4]}" = 'Test "test.in" has failed.' ]
-        grep -Eqx 'unrecognized statement\.|parse command \| result \| set found in wrong place' test.out
+        [ "$(sed -n '/ Line     1 >>> /{n;p;}' test.out)" = "$2" ]
         grep -q 'Batch test end rc=-2 ' test.out
+    }
+    # Keywords are whole tokens, matched case-sensitively.
+    for bad in 'Set block_seek = 1' 'hello' 'result rc == 0' 'commands read' 'Command read' 'set= 1'; do
+        rejected "$bad" 'unrecognized statement.'
+    done
+    for bad in 'x command read' 'command set x' 'command read result' 'command exit' 'x symbols' \
+               'note exit' 'a set b' 'command read command close' 'command read result rc == 0 result'; do
+        rejected "$bad" 'parse command | result | set found in wrong place'
     done
 }

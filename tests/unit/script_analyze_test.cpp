@@ -34,13 +34,6 @@ const char kZeroOutcome[] =
 
 }  // namespace
 
-TEST_F(AnalyzeTest, HoldingCheckPrintsOnlyTheOutcome) {
-    test_context.line_number = 4;
-    EXPECT_EQ(judge("command read result rc == 0 ", {0, 0, 0, 0, 0}), 1);
-    EXPECT_EQ(out.text(), kZeroOutcome);
-    EXPECT_EQ(stdout_text, "");
-    EXPECT_EQ(test_context.result_code, 0);
-}
 
 TEST_F(AnalyzeTest, WithoutResultClauseTheOutcomeIsShownNotJudged) {
     EXPECT_EQ(judge("command read records = 5", {-1, 2, 13, 7, 9}), 1);
@@ -49,19 +42,6 @@ TEST_F(AnalyzeTest, WithoutResultClauseTheOutcomeIsShownNotJudged) {
     EXPECT_EQ(test_context.result_code, 0);
 }
 
-TEST_F(AnalyzeTest, EveryCheckIsMadeAndFailureIsReported) {
-    test_context.line_number = 7;
-    errno = 5;
-    EXPECT_EQ(judge("command read result rc != -1 errno == EIO", {-1, 5, 0, 0, 0}), 0);
-    EXPECT_EQ(out.text(),
-              "analyze return code -1  errno 5 (EIO) \n    error value 0 (Successful) residual 0 data 0\n"
-              "analyze return_error cc 5 (EIO) " + std::string(ps_strerror(5)) + "\n"
-              "return code not as expected.\n"
-              "analyze error ...  result not as expected\n");
-    EXPECT_EQ(stdout_text, "ERROR, test at line 7 failed!\n");
-    EXPECT_EQ(test_context.result_code, kResultCheckFailed);
-    EXPECT_EQ(test_context.failed_line, 7);
-}
 
 TEST_F(AnalyzeTest, OutsideABatchRunTheFailureLineHasNoNumber) {
     test_context.trace = 1;
@@ -73,19 +53,6 @@ TEST_F(AnalyzeTest, OutsideABatchRunTheFailureLineHasNoNumber) {
     EXPECT_EQ(test_context.failed_line, 0);
 }
 
-TEST_F(AnalyzeTest, ErrorValueAfterMinusOneIsTheCurrentErrno) {
-    test_context.trace = 1;
-    errno = EACCES;
-    EXPECT_EQ(judge("command x result rc == -1 cc == ENOTREADY", {-1, 0, 99, 3, 0}), 1);
-    const std::string text = out.text();
-    // The outcome line shows the values as they came in.
-    EXPECT_NE(text.find("    error value 99 (?) residual 3 data 0\n"), std::string::npos);
-    EXPECT_NE(text.find("TTRACE: ps_return_error entered.\nTTRACE: ps_return_error exit 13.\n"
-                        "analyze return_error cc 13 (EACCES) "),
-              std::string::npos);
-    EXPECT_EQ(text.find("TTRACE: analyze exit."), std::string::npos);
-    EXPECT_EQ(test_context.result_code, 0);
-}
 
 TEST_F(AnalyzeTest, ResidualIsZeroedAfterMinusOne) {
     errno = 0;
@@ -133,13 +100,6 @@ TEST_F(AnalyzeTest, UnknownFieldFailsTheCheckAfterASyntaxError) {
     EXPECT_EQ(test_context.result_code, kResultCheckFailed);
 }
 
-TEST_F(AnalyzeTest, InvalidRelationIsASyntaxErrorButNotAFailedCheck) {
-    test_context.line_number = 9;
-    EXPECT_EQ(judge("command read result rc <\t0 ", {-5, 0, 0, 0, 0}), 1);
-    EXPECT_EQ(stdout_text, "as_expected, invalid relation (<\t0 ) \nbatch file syntax error, line 9 \n");
-    EXPECT_EQ(test_context.result_code, kResultSyntaxError);
-    EXPECT_EQ(test_context.failed_line, 0);
-}
 
 TEST_F(AnalyzeTest, RelationsOnTheirFirstTwoCharacters) {
     EXPECT_EQ(as_expected(1, "< 2", 2), 1);

@@ -105,47 +105,5 @@ TEST_F(ParseTest, CommandWithoutResultAndWithShortResult) {
     EXPECT_EQ(out.text(), "");
 }
 
-TEST_F(ParseTest, KeywordsMatchWholeTokensCaseSensitively) {
-    test_context.line_number = 12;
-    for (const char* line : {"Set block_seek = 1", "commands read", "Command read", "set= 1",
-                             "result rc == 0"}) {
-        capture_stdout();
-        Parsed p(line, out.get());
-        EXPECT_EQ(captured_stdout(), "batch file syntax error, line 12 \n") << line;
-        EXPECT_EQ(p.count, 0) << line;
-        EXPECT_EQ(p.kind, StatementKind::none) << line;
-    }
-    std::string five_times;
-    for (int i = 0; i < 5; ++i) five_times += "unrecognized statement.\n";
-    EXPECT_EQ(out.text(), five_times);
-    EXPECT_EQ(test_context.result_code, kResultSyntaxError);
-}
 
-TEST_F(ParseTest, BadlyPlacedStatementsAreRejected) {
-    for (const char* line : {"x command read", "command set x", "command read result", "command exit",
-                             "x symbols", "a set b", "command read command close",
-                             "command read result rc == 0 result"}) {
-        test_context.result_code = 0;
-        CapturedStream stream;
-        capture_stdout();
-        Parsed p(line, stream.get());
-        EXPECT_EQ(captured_stdout(), "batch file syntax error, line 0 \n") << line;
-        EXPECT_EQ(stream.text(), "parse command | result | set found in wrong place\n") << line;
-        EXPECT_EQ(p.count, 0) << line;
-        EXPECT_EQ(p.kind, StatementKind::none) << line;
-        EXPECT_EQ(test_context.result_code, kResultSyntaxError) << line;
-    }
-}
 
-TEST_F(ParseTest, TraceLinesOnEntryAndOnAcceptedStatementsOnly) {
-    test_context.trace = 1;
-    Parsed accepted("skip 2 ", out.get());
-    Parsed comment("# x", out.get());
-    capture_stdout();
-    Parsed rejected("nothing", out.get());
-    captured_stdout();
-    EXPECT_EQ(out.text(),
-              "TTRACE: parse entered (skip 2 ).\nTTRACE: parse exit 2.\n"
-              "TTRACE: parse entered (# x).\n"
-              "TTRACE: parse entered (nothing).\nunrecognized statement.\n");
-}

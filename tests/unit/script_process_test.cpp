@@ -36,15 +36,6 @@ TEST_F(DispatcherTest, DecimalValueTakesEveryCharacterAsADigitAndWraps) {
     EXPECT_EQ(decimal_value("123", -4), 0);
 }
 
-TEST_F(DispatcherTest, SkipSetsTheCountFromItsOneArgument) {
-    process("skip 3 ", out.get());
-    EXPECT_EQ(test_context.skip_count, 3);
-    process("skip -1", out.get());
-    EXPECT_EQ(test_context.skip_count, -1);
-    process("note skip 5", out.get());  // three tokens
-    EXPECT_EQ(test_context.skip_count, -1);
-    EXPECT_EQ(test_context.result_code, kResultSyntaxError);
-}
 
 TEST_F(DispatcherTest, ExitSetsItsResultCodeAndTracesEveryPath) {
     test_context.trace = 1;
