@@ -23,7 +23,7 @@ IN
     run "$VPATHSIM" run --state "$VPATHSIM_STATE" -- "$TARNWICK" -t -f test.in -o test.out
     [ "$status" -eq 0 ]
     sed -n '/Line     3 >>>/,/Line     4 >>>/p' test.out | grep -v -e '^TTRACE: \(process\|parse\|analyze\|execute_command\)' -e ' Line ' > request.out
-    assert_file request.out <<'OUT'
+    assert_file request.out <<OUT
 TTRACE: ps_ddioctl entered. 
 TTRACE: system ioctl, opcode   =00006402 
 TTRACE: system ioctl, opcode   =? 
@@ -37,8 +37,7 @@ Error! system ioctl errno=14
        Error is Bad address.
 TTRACE: ps_ddioctl exit. 
 Error getting number of devices: Success
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome -1)
 TTRACE: ps_return_error entered.
 TTRACE: ps_return_error exit 14.
 analyze return_error cc 14 (EFAULT) Bad address

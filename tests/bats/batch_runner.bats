@@ -7,35 +7,14 @@ load helpers
 setup() { setup_workdir; }
 teardown() { teardown_workdir; }
 
-summary() {
-    cat <<OUT
-Total elapsed time in seconds = <elapsed> 
-Bytes transferred =   0.000000 
-Data rate = <rate> bytes/second 
-Batch test end rc=$1 at time <time>
- 
-OUT
-}
-
-banner() {
-    cat <<'OUT'
-Batch test begin at time <time>
-
-Test tool version 0001 
-Linux   test platform,
-batch input   file: test.in 
-batch output  file: test.out 
-OUT
-}
-
 @test "an empty file: one end-of-input echo, exit 0" {
     : > test.in
     run_batch test.in
     [ "$status" -eq 0 ]
     assert_file masked.out <<OUT
-$(banner)
+$(banner test.in test.out)
 hh:mm:ss Line     1 >>>  
-$(summary 0)
+$(footer 0 0)
 OUT
 }
 
@@ -46,10 +25,10 @@ OUT
     [ "${lines[3]}" = " a " ]
     [ "${#lines[@]}" -eq 4 ]
     assert_file masked.out <<OUT
-$(banner)
+$(banner test.in test.out)
 hh:mm:ss Line     1 >>> type a  
 hh:mm:ss Line     2 >>> type b 
-$(summary 0)
+$(footer 0 0)
 OUT
 }
 
@@ -61,11 +40,11 @@ OUT
     [ "${lines[3]}" = " $a249" ]
     [ "${lines[4]}" = " b " ]
     assert_file masked.out <<OUT
-$(banner)
+$(banner test.in test.out)
 hh:mm:ss Line     1 >>> type $a249 
 hh:mm:ss Line     2 >>> type b  
 hh:mm:ss Line     3 >>>  
-$(summary 0)
+$(footer 0 0)
 OUT
 }
 
@@ -113,10 +92,10 @@ OUT
     [ "$status" -eq 253 ]
     [ "${lines[4]}" = 'Test "test.in" has failed.' ]
     assert_file masked.out <<OUT
-$(banner)
+$(banner test.in test.out)
 hh:mm:ss Line     1 >>> type a  
 hh:mm:ss Line     2 >>> exit  
-$(summary -3)
+$(footer 0 -3)
 OUT
 }
 
@@ -159,7 +138,7 @@ OUT
     [[ "$output" == *"TTRACE: batch_test_menu entered."* ]]
     [[ "$output" == *$'TTRACE: batch_test_menu exit.\nTTRACE: main exit.'* ]]
     assert_file masked.out <<OUT
-$(banner)
+$(banner test.in test.out)
 hh:mm:ss Line     1 >>> type hi  
 TTRACE: process entered (type hi ).
 TTRACE: parse entered (type hi ).
@@ -178,7 +157,7 @@ TTRACE: process entered (hello ).
 TTRACE: parse entered (hello ).
 unrecognized statement.
 TTRACE: process exit.
-$(summary -2)
+$(footer 0 -2)
 OUT
 }
 

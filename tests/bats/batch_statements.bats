@@ -35,13 +35,8 @@ pause here :
  guarded 
 Test \"test.in\" has failed." ]
     mask_times test.out > masked.out
-    assert_file masked.out <<'OUT'
-Batch test begin at time <time>
-
-Test tool version 0001 
-Linux   test platform,
-batch input   file: test.in 
-batch output  file: test.out 
+    assert_file masked.out <<OUT
+$(banner test.in test.out)
 hh:mm:ss Line     1 >>> symbols  
 Symbolic values:
                           Successful = 0 (0x0)
@@ -78,11 +73,7 @@ hh:mm:ss Line    10 >>> pause here
 hh:mm:ss Line    11 >>> set block_seek = 1  
 hh:mm:ss Line    12 >>> if vendor_id !has X type guarded  
 hh:mm:ss Line    13 >>> exit  
-Total elapsed time in seconds = <elapsed> 
-Bytes transferred =   0.000000 
-Data rate = <rate> bytes/second 
-Batch test end rc=-3 at time <time>
- 
+$(footer 0 -3)
 OUT
 }
 
@@ -92,22 +83,12 @@ OUT
     [ "$status" -eq 0 ]
     [[ "$output" != *"has failed"* ]]
     mask_times test.out > masked.out
-    assert_file masked.out <<'OUT'
-Batch test begin at time <time>
-
-Test tool version 0001 
-Linux   test platform,
-batch input   file: test.in 
-batch output  file: test.out 
-batch special file: /dev/null 
+    assert_file masked.out <<OUT
+$(banner test.in test.out /dev/null)
 hh:mm:ss Line     1 >>> type one  
 hh:mm:ss Line     2 >>> # two  
 hh:mm:ss Line     3 >>>  
-Total elapsed time in seconds = <elapsed> 
-Bytes transferred =   0.000000 
-Data rate = <rate> bytes/second 
-Batch test end rc=0 at time <time>
- 
+$(footer 0 0)
 OUT
 }
 

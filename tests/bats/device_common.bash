@@ -1,46 +1,7 @@
-# Expected-transcript pieces for the device and data-command tests, written
-# from the transcript formats (banner, echo lines, outcome line, summary).
+# Expected-transcript pieces for the device and data-command tests (the
+# banner, outcome and summary pieces are in helpers.bash).
 
 load helpers
-
-# banner INPUT OUTPUT [SPECIAL]
-banner() {
-    printf 'Batch test begin at time <time>\n\nTest tool version 0001 \nLinux   test platform,\n'
-    printf 'batch input   file: %s \nbatch output  file: %s \n' "$1" "$2"
-    if [ -n "${3:-}" ]; then printf 'batch special file: %s \n' "$3"; fi
-}
-
-# echo_line N TEXT: the line's newline became a blank, the format adds one.
-echo_line() { printf 'hh:mm:ss Line %5d >>> %s  \n' "$1" "$2"; }
-# The extra echo after the last line, with empty text.
-eof_line() { printf 'hh:mm:ss Line %5d >>>  \n' "$1"; }
-
-errno_text() {
-    case $1 in
-        0) echo Successful ;; 1) echo EPERM ;; 5) echo EIO ;; 9) echo EBADF ;; 13) echo EACCES ;;
-        14) echo EFAULT ;; 22) echo EINVAL ;; *) echo '?' ;;
-    esac
-}
-
-# outcome RC [ERRNO [DATA]]: the line analysis prints for every command.
-outcome() {
-    local rc=$1 err=${2:-0} data=${3:-0}
-    printf 'analyze return code %s  errno %d (%s) \n    error value 0 (Successful) residual 0 data %d\n' \
-        "$rc" "$err" "$(errno_text "$err")" "$data"
-}
-
-# return_error ERRNO: what analysis adds after a return code of -1.
-return_error() {
-    printf 'analyze return_error cc %d (%s) %s\n' "$1" "$(errno_text "$1")" "$(strerror "$1")"
-}
-
-strerror() { python3 -c 'import os,sys; print(os.strerror(int(sys.argv[1])))' "$1"; }
-
-# footer BYTES RC
-footer() {
-    printf 'Total elapsed time in seconds = <elapsed> \nBytes transferred = %10f \n' "$1"
-    printf 'Data rate = <rate> bytes/second \nBatch test end rc=%d at time <time>\n \n' "$2"
-}
 
 # Descriptor numbers depend on what the test harness leaves open; the
 # outcome line right after a successful open shows FD instead.

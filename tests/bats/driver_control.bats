@@ -47,9 +47,9 @@ IN
     sim_batch
     [ "$status" -eq 0 ]
     body > body.out
-    assert_file body.out <<'OUT'
-hh:mm:ss Line     2 >>> system $VPATHSIM fail-path 0 1  
-system ($VPATHSIM fail-path 0 1 ) 
+    assert_file body.out <<OUT
+hh:mm:ss Line     2 >>> system \$VPATHSIM fail-path 0 1  
+system (\$VPATHSIM fail-path 0 1 ) 
 command returned rc 0 
 hh:mm:ss Line     3 >>> command get_device_state device 0 result rc == 0  
 Completion Status: Success
@@ -76,23 +76,19 @@ Path 3: Adapter 1 (scsi1)	Path Name: sdd
 	State: Open		Mode: Normal
 	Times used:      0	Recovered Errors: 0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     4 >>> command set_path device 0 path 0 state 2 result rc == 0  
 Completion Status: Success
 Set Device 0 Path 0 to offline
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     5 >>> command set_path device 0 path 2 state 2 result rc == 0  
 Completion Status: Success
 Set Device 0 Path 2 to offline
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     6 >>> command set_path device 0 path 3 state 2 result rc == 0  
 Completion Status: Last Path
 Set Device 0 Path 3 to offline
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     7 >>> command get_device_state device 0 result rc == 0  
 Completion Status: Success
 Device:		vpath0 
@@ -118,27 +114,22 @@ Path 3: Adapter 1 (scsi1)	Path Name: sdd
 	State: Open		Mode: Normal
 	Times used:      0	Recovered Errors: 0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     8 >>> command read records = 1 result rc == 512  
 read 512 bytes, sector = 0, data = 0, 00 00 00 00 00 00 00 00 ...
-analyze return code 512  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 512)
 hh:mm:ss Line     9 >>> command set_path device 0 path 0 state 1 result rc == 0  
 Completion Status: Success
 Set Device 0 Path 0 to online
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    10 >>> command set_adapter adapter 1 state 2 result rc == 0  
 Completion Status: Success
 Set Adapter 1 to offline
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    11 >>> command set_adapter adapter 0 state 2 result rc == 0  
 Completion Status: Last Path
 The last path, Adapter 0 remain online
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    12 >>> command get_adapter_info result rc == 0  
 Completion Status: Success
 Number of adapter entries: 2
@@ -148,23 +139,19 @@ Adapter 0: scsi0	State: Degraded	    Mode: Active
 Adapter 1: scsi1	State: Normal	    Mode: Manual Offline
 	Count:      1		Error Count: 0
 	Attached Path: 4	Path still functioning: 0
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    13 >>> command set_adapter adapter 1 state 1 result rc == 0  
 Completion Status: Success
 Set Adapter 1 to online
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    14 >>> command set_controller device 0 ctlr 1 action 1 result rc == 0  
 Completion Status: 0 
 
-                analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+                $(outcome 0)
 hh:mm:ss Line    15 >>> command set_controller device -1 ctlr 0 action 3 result rc == 0  
 Completion Status: 0 
 
-                analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+                $(outcome 0)
 hh:mm:ss Line    16 >>>  
 OUT
 }
@@ -201,7 +188,7 @@ IN
     sim_batch topo.conf
     [ "$status" -eq 0 ]
     body > body.out
-    assert_file body.out <<'OUT'
+    assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> if vendor_id == NEWCO type before: NEWCO  
 hh:mm:ss Line     3 >>> if vendor_id !has NEWCO type before: no vendor yet  
 hh:mm:ss Line     4 >>> command get_inquiry device 1 result rc == 0  
@@ -215,8 +202,7 @@ INQUIRY data:
   vendor specific: 
      53 49 4d 2d 56 50 41 54 48 2d 30 30 30 30 30 30 30 30 30 31
      (SIM-VPATH-0000000001) 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     5 >>> if vendor_id == NEWCO type newco disk  
 hh:mm:ss Line     6 >>> if product_id has 2107 command get_dev_stats device 1 result rc == 0  
 Completion Status: Success
@@ -228,8 +214,7 @@ SECTOR:                  0            0            0             0         0
 Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
                          0            0            0             0         0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     7 >>> if vendor_id == ACME type acme disk  
 hh:mm:ss Line     8 >>> command get_inquiry device 0 result rc == 0  
 INQUIRY data:
@@ -242,8 +227,7 @@ INQUIRY data:
   vendor specific: 
      42 45 45 50 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20
      (BEEP                ) 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     9 >>> if vendor_id == ACME type acme disk  
 hh:mm:ss Line    10 >>> if firmware_revision_level == 9.9 type revision 9.9  
 hh:mm:ss Line    11 >>> if product_id has WXYZ type product beyond twelve bytes  
@@ -264,16 +248,12 @@ Path 1: Adapter 1 (fc1)	Path Name: sdy
 	State: Open		Mode: Normal
 	Times used:      0	Recovered Errors: 0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    13 >>> command get_inquiry device 9 result rc == -1  
 tarnwick error getting logical inquiry
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 19 (ENODEV) No such device
+$(refused 19)
 hh:mm:ss Line    14 >>> command close result rc == 0  
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line    15 >>> if vendor_id == ACME type still acme after a failed inquiry and close  
 hh:mm:ss Line    16 >>>  
 OUT

@@ -36,12 +36,11 @@ IN
     sim_batch
     [ "$status" -eq 0 ]
     body > body.out
-    assert_file body.out <<'OUT'
+    assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> command get_number_devices trailing tokens result rc == 0  
 Completion Status: Success
 Number of Devices: 2
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     3 >>> command get_device_state devices 1 result rc == 0  
 Completion Status: Success
 Device:		vpath1 
@@ -67,8 +66,7 @@ Path 3: Adapter 1 (scsi1)	Path Name: sdh
 	State: Open		Mode: Normal
 	Times used:      0	Recovered Errors: 0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     4 >>> command get_adapter_info result rc == 0  
 Completion Status: Success
 Number of adapter entries: 2
@@ -78,8 +76,7 @@ Adapter 0: scsi0	State: Normal	    Mode: Active
 Adapter 1: scsi1	State: Normal	    Mode: Active
 	Count:      0		Error Count: 0
 	Attached Path: 4	Path still functioning: 4
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     5 >>>  
 OUT
 }
@@ -101,7 +98,7 @@ IN
     sim_batch
     [ "$status" -eq 0 ]
     body | sed '/ Line    10 >>> /,$d' > body.out
-    assert_file body.out <<'OUT'
+    assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> command get_dev_stats device 1 result rc == 0  
 Completion Status: Success
 
@@ -112,27 +109,23 @@ SECTOR:                  0            0            0             0         0
 Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
                          0            0            0             0         0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     3 >>> set block_count = 8  
 hh:mm:ss Line     4 >>> command read records = 3 result rc == 4096  
 read 4096 bytes, sector = 0, data = 0, 00 00 00 00 00 00 00 00 ...
  ... 
 read 4096 bytes, sector = 2, data = 0, 00 00 00 00 00 00 00 00 ...
-analyze return code 4096  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 4096)
 hh:mm:ss Line     5 >>> set block_count = 129  
 hh:mm:ss Line     6 >>> command write records = 1 result rc == 66048  
 wrote 66048 bytes, sector = 3, data = 3, 03 00 00 00 3a d1 d8 28 ...
-analyze return code 66048  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 66048)
 hh:mm:ss Line     7 >>> set block_count = 1  
 hh:mm:ss Line     8 >>> command write records = 2 result rc == 512  
 wrote 512 bytes, sector = 4, data = 4, 04 00 00 00 dd 33 42 1e ...
  ... 
 wrote 512 bytes, sector = 5, data = 5, 05 00 00 00 1b dd 6a 08 ...
-analyze return code 512  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 512)
 hh:mm:ss Line     9 >>> command get_dev_stats device 1 result rc == 0  
 Completion Status: Success
 
@@ -143,8 +136,7 @@ SECTOR:                 24          131            0             0       129
 Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
                          2            3            0             0         1
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 OUT
     # How transfers spread over the adapters is the driver's choice; together
     # they carry every transfer of the device.
@@ -174,64 +166,42 @@ IN
     sim_batch
     [ "$status" -eq 0 ]
     body > body.out
-    assert_file body.out <<'OUT'
+    assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> command get_device_state device 9 result rc == -1  
 tarnwick error getting device state: Device Not Found
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 19 (ENODEV) No such device
+$(refused 19)
 hh:mm:ss Line     3 >>> command set_path device 0 path 9 state 2 result rc == -1  
 Error setting path state: Invalid Parameter
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 22 (EINVAL) Invalid argument
+$(refused 22)
 hh:mm:ss Line     4 >>> command set_path device 0 path 1 state 3 result rc == -1  
 Error setting path state: Invalid Parameter
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 22 (EINVAL) Invalid argument
+$(refused 22)
 hh:mm:ss Line     5 >>> command set_adapter adapter 5 state 2 result rc == -1  
 Error setting adapter state: Invalid Adapter
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 22 (EINVAL) Invalid argument
+$(refused 22)
 hh:mm:ss Line     6 >>> command set_adapter adapter 0 state 0 result rc == -1  
 Error setting adapter state: Invalid Parameter
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 22 (EINVAL) Invalid argument
+$(refused 22)
 hh:mm:ss Line     7 >>> command set_controller device 0 ctlr 5 action 1 result rc == -1  
 tarnwick error set controller 
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 22 (EINVAL) Invalid argument
+$(refused 22)
 hh:mm:ss Line     8 >>> command get_dev_stats device 9 result rc == -1  
 tarnwick error getting device statistics: Device Not Found
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 19 (ENODEV) No such device
+$(refused 19)
 hh:mm:ss Line     9 >>> command get_adapter_stats adapter 9 result rc == -1  
 tarnwick error getting adapter statistics: Invalid Adapter
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 22 (EINVAL) Invalid argument
+$(refused 22)
 hh:mm:ss Line    10 >>> command get_inquiry device 9 result rc == -1  
 tarnwick error getting logical inquiry
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 19 (ENODEV) No such device
+$(refused 19)
 hh:mm:ss Line    11 >>> set buffer = 4096  
 hh:mm:ss Line    12 >>> command get_number_devices result rc == -1  
 Error getting number of devices: Success
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 14 (EFAULT) Bad address
+$(refused 14)
 hh:mm:ss Line    13 >>> set buffer = 4096  
 hh:mm:ss Line    14 >>> command get_adapter_info result rc == -1  
 Error getting addapter info: Success
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 14 (EFAULT) Bad address
+$(refused 14)
 hh:mm:ss Line    15 >>>  
 OUT
 }
@@ -247,7 +217,7 @@ IN
     sim_batch
     [ "$status" -eq 0 ]
     body > body.out
-    assert_file body.out <<'OUT'
+    assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> set buffer = 4096  
 hh:mm:ss Line     3 >>> command get_inquiry device 1 result rc == 0  
 INQUIRY data:
@@ -260,13 +230,10 @@ INQUIRY data:
   vendor specific: 
      53 49 4d 2d 56 50 41 54 48 2d 30 30 30 30 30 30 30 30 30 31
      (SIM-VPATH-0000000001) 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     4 >>> command get_dev_stats device 1 result rc == -1  
 tarnwick error getting device statistics: Success
-analyze return code -1  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
-analyze return_error cc 14 (EFAULT) Bad address
+$(refused 14)
 hh:mm:ss Line     5 >>> command get_dev_stats device 1 result rc == 0  
 Completion Status: Success
 
@@ -277,8 +244,7 @@ SECTOR:                  0            0            0             0         0
 Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
                          0            0            0             0         0
 
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     6 >>>  
 OUT
 }

@@ -21,22 +21,18 @@ command open missing.img RO result rc == -1 errno == 2 cc == 2 resid == 0
 IN
     [ "$status" -eq 0 ]
     [ "${#lines[@]}" -eq 3 ]
-    assert_file <(mask_fd | sed -n '/Line     1/,/Line     5/p') <<'OUT'
+    assert_file <(mask_fd | sed -n '/Line     1/,/Line     5/p') <<OUT
 hh:mm:ss Line     1 >>> command open disk.img RW result rc >= 0  
 Open mode: Read and wirte.
-analyze return code <fd>  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome '<fd>')
 hh:mm:ss Line     2 >>> command close result rc == 0 errno == Successful  
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     3 >>> command close result rc == 0 cc == 0  
 tarnwick error execute_command already closed
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 hh:mm:ss Line     4 >>> command open missing.img RO result rc == -1 errno == 2 cc == 2 resid == 0  
 Open mode: Read only.
-analyze return code -1  errno 2 (?) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome -1 2)
 analyze return_error cc 2 (?) No such file or directory
 hh:mm:ss Line     5 >>>  
 OUT
@@ -53,18 +49,13 @@ IN
     [ "${lines[3]}" = "ERROR, test at line 3 failed!" ]
     [ "${lines[4]}" = 'Test "test.in" has failed at line 3.' ]
     [ "${#lines[@]}" -eq 5 ]
-    assert_file <(mask_fd | sed -n '/Line     3/,$p') <<'OUT'
+    assert_file <(mask_fd | sed -n '/Line     3/,$p') <<OUT
 hh:mm:ss Line     3 >>> command close result rc != 0 errno == EIO  
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 return code not as expected.
 errno not as expected.
 analyze error ...  result not as expected
-Total elapsed time in seconds = <elapsed> 
-Bytes transferred =   0.000000 
-Data rate = <rate> bytes/second 
-Batch test end rc=-1 at time <time>
- 
+$(footer 0 -1)
 OUT
 }
 
@@ -143,7 +134,7 @@ IN
 command close result rc == 1
 IN
     [ "$status" -eq 255 ]
-    assert_file <(sed -n '/^TTRACE: process entered/,/^TTRACE: process exit/p' masked.out) <<'OUT'
+    assert_file <(sed -n '/^TTRACE: process entered/,/^TTRACE: process exit/p' masked.out) <<OUT
 TTRACE: process entered (command close result rc == 1 ).
 TTRACE: parse entered (command close result rc == 1 ).
 TTRACE: parse exit 6.
@@ -152,8 +143,7 @@ tarnwick error execute_command already closed
 TTRACE: execute_command exit.
 TTRACE: execute_command returned 1.
 TTRACE: analyze entered (command close result rc == 1 ).
-analyze return code 0  errno 0 (Successful) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome 0)
 return code not as expected.
 analyze error ...  result not as expected
 TTRACE: analyze exit.
@@ -166,10 +156,9 @@ OUT
 command open missing.img RO result rc == -1
 IN
     [ "$status" -eq 0 ]
-    assert_file <(sed -n '/^TTRACE: analyze entered/,/^TTRACE: process exit/p' masked.out) <<'OUT'
+    assert_file <(sed -n '/^TTRACE: analyze entered/,/^TTRACE: process exit/p' masked.out) <<OUT
 TTRACE: analyze entered (command open missing.img RO result rc == -1 ).
-analyze return code -1  errno 2 (?) 
-    error value 0 (Successful) residual 0 data 0
+$(outcome -1 2)
 TTRACE: ps_return_error entered.
 TTRACE: ps_return_error exit 2.
 analyze return_error cc 2 (?) No such file or directory
