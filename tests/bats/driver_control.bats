@@ -2,29 +2,7 @@
 # Driver control commands and INQUIRY data under the simulated driver:
 # failed paths, the last path, adapters, controllers, `if` on INQUIRY data.
 
-load helpers
-
-setup() {
-    [ -n "$VPATHSIM" ] || skip "simulated driver not built"
-    setup_workdir
-    export VPATHSIM_STATE=$WORK/state
-}
-teardown() { teardown_workdir; }
-
-# Runs test.in with the simulated driver on this test's state, created
-# fresh from the topology file given as $1 (the built-in one without).
-sim_batch() {
-    "$VPATHSIM" init ${1:+--config "$1"}
-    shift || true
-    run "$VPATHSIM" run --state "$VPATHSIM_STATE" -- "$TARNWICK" -f test.in -o test.out "$@"
-    mask_times test.out | tr '\0' '@' > masked.out
-}
-
-# The transcript from line 2 (line 1 opens the device, and its descriptor
-# varies) up to the summary; NULs show as @.
-body() {
-    sed -n -e '/^Total elapsed time/q' -e '/ Line     2 >>> /,$p' masked.out
-}
+load driver_common
 
 @test "a path failed outside the tool shows Dead; the last path stays online" {
     cat > test.in <<'IN'
@@ -192,27 +170,11 @@ IN
 hh:mm:ss Line     2 >>> if vendor_id == NEWCO type before: NEWCO  
 hh:mm:ss Line     3 >>> if vendor_id !has NEWCO type before: no vendor yet  
 hh:mm:ss Line     4 >>> command get_inquiry device 1 result rc == 0  
-INQUIRY data:
-  devtype             0 
-  flags       5
-  additional_length  40 flags2   2 
-  vendor id:               NEWCO   
-  product id:              VDISK-2107      
-  firmware revision level: 1.00
-  vendor specific: 
-     53 49 4d 2d 56 50 41 54 48 2d 30 30 30 30 30 30 30 30 30 31
-     (SIM-VPATH-0000000001) 
+$(builtin_inquiry 1)
 $(outcome 0)
 hh:mm:ss Line     5 >>> if vendor_id == NEWCO type newco disk  
 hh:mm:ss Line     6 >>> if product_id has 2107 command get_dev_stats device 1 result rc == 0  
-Completion Status: Success
-
-                Total Read  Total Write  Active Read  Active Write   Maximum
-I/O:                     0            0            0             0         0
-SECTOR:                  0            0            0             0         0
-
-Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
-                         0            0            0             0         0
+$(untouched_dev_stats)
 
 $(outcome 0)
 hh:mm:ss Line     7 >>> if vendor_id == ACME type acme disk  
@@ -271,18 +233,9 @@ OUT
     sim_batch "" -t
     [ "$status" -eq 0 ]
     sed -n '/^TTRACE: fprintf_inquiry_data entered.$/,/^TTRACE: fprintf_inquiry_data exit.$/p' masked.out > report.out
-    assert_file report.out <<'OUT'
+    assert_file report.out <<OUT
 TTRACE: fprintf_inquiry_data entered.
-INQUIRY data:
-  devtype             0 
-  flags       5
-  additional_length  40 flags2   2 
-  vendor id:               NEWCO   
-  product id:              VDISK-2107      
-  firmware revision level: 1.00
-  vendor specific: 
-     53 49 4d 2d 56 50 41 54 48 2d 30 30 30 30 30 30 30 30 30 30
-     (SIM-VPATH-0000000000) 
+$(builtin_inquiry 0)
 TTRACE: fprintf_inquiry_data exit.
 OUT
 }

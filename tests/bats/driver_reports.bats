@@ -2,29 +2,7 @@
 # Driver query commands under the simulated driver: reports, failure
 # messages, statement errors and the one-shot address override.
 
-load helpers
-
-setup() {
-    [ -n "$VPATHSIM" ] || skip "simulated driver not built"
-    setup_workdir
-    export VPATHSIM_STATE=$WORK/state
-}
-teardown() { teardown_workdir; }
-
-# Runs test.in with the simulated driver on this test's state, created
-# fresh from the topology file given as $1 (the built-in one without).
-sim_batch() {
-    "$VPATHSIM" init ${1:+--config "$1"}
-    shift || true
-    run "$VPATHSIM" run --state "$VPATHSIM_STATE" -- "$TARNWICK" -f test.in -o test.out "$@"
-    mask_times test.out | tr '\0' '@' > masked.out
-}
-
-# The transcript from line 2 (line 1 opens the device, and its descriptor
-# varies) up to the summary; NULs show as @.
-body() {
-    sed -n -e '/^Total elapsed time/q' -e '/ Line     2 >>> /,$p' masked.out
-}
+load driver_common
 
 @test "device count, device state and adapter list of the built-in topology" {
     cat > test.in <<'IN'
@@ -100,14 +78,7 @@ IN
     body | sed '/ Line    10 >>> /,$d' > body.out
     assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> command get_dev_stats device 1 result rc == 0  
-Completion Status: Success
-
-                Total Read  Total Write  Active Read  Active Write   Maximum
-I/O:                     0            0            0             0         0
-SECTOR:                  0            0            0             0         0
-
-Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
-                         0            0            0             0         0
+$(untouched_dev_stats)
 
 $(outcome 0)
 hh:mm:ss Line     3 >>> set block_count = 8  
@@ -220,29 +191,13 @@ IN
     assert_file body.out <<OUT
 hh:mm:ss Line     2 >>> set buffer = 4096  
 hh:mm:ss Line     3 >>> command get_inquiry device 1 result rc == 0  
-INQUIRY data:
-  devtype             0 
-  flags       5
-  additional_length  40 flags2   2 
-  vendor id:               NEWCO   
-  product id:              VDISK-2107      
-  firmware revision level: 1.00
-  vendor specific: 
-     53 49 4d 2d 56 50 41 54 48 2d 30 30 30 30 30 30 30 30 30 31
-     (SIM-VPATH-0000000001) 
+$(builtin_inquiry 1)
 $(outcome 0)
 hh:mm:ss Line     4 >>> command get_dev_stats device 1 result rc == -1  
 tarnwick error getting device statistics: Success
 $(refused 14)
 hh:mm:ss Line     5 >>> command get_dev_stats device 1 result rc == 0  
-Completion Status: Success
-
-                Total Read  Total Write  Active Read  Active Write   Maximum
-I/O:                     0            0            0             0         0
-SECTOR:                  0            0            0             0         0
-
-Transfer Size:      <= 512        <= 4k       <= 16K        <= 64K     > 64K
-                         0            0            0             0         0
+$(untouched_dev_stats)
 
 $(outcome 0)
 hh:mm:ss Line     6 >>>  
