@@ -1,5 +1,6 @@
 // The record pattern and the random sector: both come from the C library's
-// srand/rand, so records written by one run verify in any later run.
+// generator behind srand/rand, so records written by one run verify in any
+// later run on any glibc system.
 #include <cstdlib>
 #include <cstring>
 
@@ -19,37 +20,31 @@ struct PatternGenerator {
     PatternGenerator() { initstate_r(1, state, sizeof state, &data); }
 };
 
-PatternGenerator& pattern_generator() {
+random_data& pattern_seeded_with(int64_t sector) {
     static PatternGenerator generator;
-    return generator;
+    srandom_r(static_cast<uint32_t>(sector), &generator.data);
+    return generator.data;
 }
 
-// Draws one value of the running sequence before seeding with the sector;
-// the caller reseeds the running sequence with it once the pattern is done.
-unsigned begin_pattern(int64_t sector, random_data*& data) {
-    auto saved = static_cast<unsigned>(rand());
-    data = &pattern_generator().data;
-    srandom_r(static_cast<uint32_t>(sector), data);
-    return saved;
-}
-
-uint8_t next_pattern_byte(random_data* data) {
+uint8_t next_pattern_byte(random_data& data) {
     int32_t value = 0;
-    random_r(data, &value);
+    random_r(&data, &value);
     return static_cast<uint8_t>(value);
 }
 }  // namespace
 
+// One value of the running sequence is drawn before the pattern and seeds
+// it afterwards, so the running sequence never goes on from a sector's seed.
 void fill_record_pattern(uint8_t* record, int64_t sector) {
-    random_data* data = nullptr;
-    unsigned saved = begin_pattern(sector, data);
+    auto saved = static_cast<unsigned>(rand());
+    random_data& data = pattern_seeded_with(sector);
     for (int32_t i = kPatternBegin; i < kPatternEnd; ++i) record[i] = next_pattern_byte(data);
     srand(saved);
 }
 
 int32_t verify_record_pattern(const uint8_t* record, int64_t sector, uint8_t& expected) {
-    random_data* data = nullptr;
-    unsigned saved = begin_pattern(sector, data);
+    auto saved = static_cast<unsigned>(rand());
+    random_data& data = pattern_seeded_with(sector);
     int32_t mismatch = -1;
     for (int32_t i = kPatternBegin; i < kPatternEnd; ++i) {
         uint8_t value = next_pattern_byte(data);
