@@ -218,7 +218,7 @@ EOF2
     } | assert_file masked.out
 }
 
-@test "a wrong records keyword is a syntax error but the command still runs" {
+@test "a wrong records, data or blocks keyword is a syntax error but the command still runs" {
     printf 'command open disk.img RW\ncommand write recs = 2 result rc == 512\n' > test.in
     run_masked
     [ "$status" -eq 254 ]
@@ -233,14 +233,19 @@ EOF2
         footer 1024 -2
     } | assert_file masked.out
 
-    printf 'command open disk.img RW\ncommand read_verify rec = 1\n' > test.in
-    run_masked
-    [ "$status" -eq 254 ]
-    grep -q '^read, invalid statement at (rec = 1 ) read 512 bytes, sector = 0, data = 0, ' test.out
-    printf 'command open disk.img RW\ncommand write records = 1 dta = 5\n' > test.in
-    run_masked
-    [ "$status" -eq 254 ]
-    grep -q '^write, invalid statement at (dta = 5 ) wrote 512 bytes, sector = 0, data = 5, 05 00 00 00 ' test.out
+
+    # The others: the statement, then how the line after its echo begins.
+    while IFS='|' read -r statement report; do
+        printf 'command open disk.img RW\ncommand %s\n' "$statement" > test.in
+        run_masked
+        [ "$status" -eq 254 ] || { echo "status $status for $statement"; return 1; }
+        grep -q "^$report" test.out || { echo "no '$report'"; cat test.out; return 1; }
+    done <<'CASES'
+read_verify rec = 1|read, invalid statement at (rec = 1 ) read 512 bytes, sector = 0, data = 0, 
+write records = 1 dta = 5|write, invalid statement at (dta = 5 ) wrote 512 bytes, sector = 0, data = 5, 05 00 00 00 
+random_write block = 1 result rc == 512|random_write, invalid statement at (block = 1 result rc == 512 ) wrote 512 bytes, sector = 0, data = 0, 
+random_read blk = 1|random_read, invalid statement at (blk = 1 ) read 512 bytes, sector = 0, data = 0, 
+CASES
 }
 
 @test "data commands trace the access layer with -t" {

@@ -214,17 +214,19 @@ EOF2
     } | assert_file masked.out
 }
 
-@test "command names match only at their full length" {
-    printf 'command readx\n' > test.in
-    run_masked
-    [ "$status" -eq 254 ]
-    {
-        banner test.in test.out
-        echo_line 1 "command readx"
-        echo "ERROR execute_command unrecognized command (command readx )"
-        outcome 0
-        footer 0 -2
-    } | assert_file masked.out
+@test "command names match only exactly: longer, shorter, other case" {
+    for name in readx get_inquiryX rea Read opens; do
+        printf 'command %s records = 1\n' "$name" > test.in
+        run_masked
+        [ "$status" -eq 254 ]
+        {
+            banner test.in test.out
+            echo_line 1 "command $name records = 1"
+            echo "ERROR execute_command unrecognized command (command $name records = 1 )"
+            outcome 0
+            footer 0 -2
+        } | assert_file masked.out
+    done
 }
 
 @test "a record over 262144 bytes is reported and never transferred" {
