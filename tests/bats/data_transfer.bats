@@ -33,25 +33,22 @@ EOF2
     [ "$status" -eq 0 ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW result rc >= 0"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW result rc >= 0"
         echo_line 2 "set block_count = 2"
         echo_line 3 "command write records = 3 result rc == 1024"
-        printf 'wrote 1024 bytes, sector = 0, data = 0, %s' "$(head_bytes 0 0)"
-        printf '\n ... \nwrote 1024 bytes, sector = 2, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfers wrote 1024 0 0 2 2
         outcome 1024
         echo_line 4 "set block_seek = 0"
         echo_line 5 "command read_verify records = 3 result rc == 1024 data == 2"
-        printf 'read 1024 bytes, sector = 0, data = 0, %s' "$(head_bytes 0 0)"
-        printf '\n ... \nread 1024 bytes, sector = 2, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfers read 1024 0 0 2 2
         outcome 1024 0 2
         # Seeks count sectors, not records: sector 6 is the end of the
         # file, so both reads are empty and io_buffer keeps record 2.
         echo_line 6 "set block_seek = 6"
         echo_line 7 "command read records = 2 result rc == 0 data == 2"
-        printf 'read 1024 bytes, sector = 6, data = 2, %s' "$(head_bytes 2 2)"
-        printf '\n ... \nread 1024 bytes, sector = 7, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfer read 1024 6 2 2
+        printf ' ... \n'
+        xfer read 1024 7 2 2
         outcome 0 0 2
         echo_line 8 "command close result rc == 0"
         outcome 0
@@ -77,16 +74,13 @@ EOF2
     [ "$status" -eq 0 ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW"
         echo_line 2 "command write records = 2 data = 7 result rc == 512"
-        printf 'wrote 512 bytes, sector = 0, data = 7, %s' "$(head_bytes 7 0)"
-        printf '\n ... \nwrote 512 bytes, sector = 1, data = 7, %s\n' "$(head_bytes 7 1)"
+        xfers wrote 512 0 7 1 7
         outcome 512
         echo_line 3 "set block_seek = 0"
         echo_line 4 "command read_verify records = 2 result rc == -1 data == 7"
-        printf 'read 512 bytes, sector = 0, data = 7, %s\n' "$(head_bytes 7 0)"
+        xfer read 512 0 7
         echo "read_verify failed for 512 bytes, expected data = 0, data read = 7 "
         outcome -1 0 7
         return_error 0
@@ -110,26 +104,24 @@ EOF2
     expected_byte=$(pattern 1 97 | awk '{ print $97 }' | sed 's/^0//')
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW"
         echo_line 2 "command write records = 3 result rc == 512"
-        printf 'wrote 512 bytes, sector = 0, data = 0, %s' "$(head_bytes 0 0)"
-        printf '\n ... \nwrote 512 bytes, sector = 2, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfers wrote 512 0 0 2 2
         outcome 512
         echo_line 3 "system printf 'X' | dd of=disk.img bs=1 seek=612 conv=notrunc status=none"
         echo "system (printf 'X' | dd of=disk.img bs=1 seek=612 conv=notrunc status=none ) "
         echo "command returned rc 0 "
         echo_line 4 "set block_seek = 0"
         echo_line 5 "command read_verify records = 3 result rc == -1 data == 1"
-        printf 'read 512 bytes, sector = 0, data = 0, %s\n' "$(head_bytes 0 0)"
+        xfer read 512 0 0
         echo "block 1 verify failed at byte 100, expected $expected_byte, read 58 "
-        printf ' ... \nread 512 bytes, sector = 1, data = 1, %s\n' "$(head_bytes 1 1)"
+        printf ' ... \n'
+        xfer read 512 1 1
         outcome -1 0 1
         return_error 0
         # The third record was not read: the next read starts at sector 2.
         echo_line 6 "command read result rc == 512 data == 2"
-        printf 'read 512 bytes, sector = 2, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfer read 512 2 2
         outcome 512 0 2
         eof_line 7
         footer 3072 0
@@ -149,9 +141,7 @@ EOF2
     [ "$status" -eq 0 ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW"
         echo_line 2 "set block_seek = 18014398509481984"
         echo_line 3 "command read records = 2 result rc == 0"
         echo ".Error seeking to block 18014398509481984 "
@@ -179,9 +169,7 @@ EOF2
     [ "$status" -eq 0 ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RO"
-        echo "Open mode: Read only."
-        outcome FD
+        opened 1 "command open disk.img RO" "Open mode: Read only."
         echo_line 2 "command write records = 3 result rc == -1 errno == EBADF"
         echo "Error writing 512 bytes, sector = 0, data = 0 "
         outcome -1 9
@@ -191,7 +179,7 @@ EOF2
         outcome -1 9
         return_error 9
         echo_line 4 "command read result rc == 0"
-        printf 'read 512 bytes, sector = 0, data = 0, %s\n' "$(head_bytes 0 0)"
+        xfer read 512 0 0
         outcome 0
         eof_line 5
         footer 0 0
@@ -212,20 +200,16 @@ EOF2
     [ "$status" -eq 0 ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW"
         echo_line 2 "command write records = * result rc == 0"
         outcome 0
         echo_line 3 "set block_max = 3"
         echo_line 4 "command write records = * result rc == 512"
-        printf 'wrote 512 bytes, sector = 0, data = 0, %s' "$(head_bytes 0 0)"
-        printf '\n ... \nwrote 512 bytes, sector = 2, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfers wrote 512 0 0 2 2
         outcome 512
         echo_line 5 "set block_seek = 0"
         echo_line 6 "command read_verify records = * result rc == 512 data == 2"
-        printf 'read 512 bytes, sector = 0, data = 0, %s' "$(head_bytes 0 0)"
-        printf '\n ... \nread 512 bytes, sector = 2, data = 2, %s\n' "$(head_bytes 2 2)"
+        xfers read 512 0 0 2 2
         outcome 512 0 2
         echo_line 7 "command read records = 0 result rc == 0"
         outcome 0
@@ -234,32 +218,34 @@ EOF2
     } | assert_file masked.out
 }
 
-@test "a wrong records keyword is a syntax error but the command still runs" {
+@test "a wrong records, data or blocks keyword is a syntax error but the command still runs" {
     printf 'command open disk.img RW\ncommand write recs = 2 result rc == 512\n' > test.in
     run_masked
     [ "$status" -eq 254 ]
     [ "${lines[3]}" = "batch file syntax error, line 2 " ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW"
         echo_line 2 "command write recs = 2 result rc == 512"
         printf 'write, invalid statement at (recs = 2 result rc == 512 ) '
-        printf 'wrote 512 bytes, sector = 0, data = 0, %s' "$(head_bytes 0 0)"
-        printf '\n ... \nwrote 512 bytes, sector = 1, data = 1, %s\n' "$(head_bytes 1 1)"
+        xfers wrote 512 0 0 1 1
         outcome 512
         footer 1024 -2
     } | assert_file masked.out
 
-    printf 'command open disk.img RW\ncommand read_verify rec = 1\n' > test.in
-    run_masked
-    [ "$status" -eq 254 ]
-    grep -q '^read, invalid statement at (rec = 1 ) read 512 bytes, sector = 0, data = 0, ' test.out
-    printf 'command open disk.img RW\ncommand write records = 1 dta = 5\n' > test.in
-    run_masked
-    [ "$status" -eq 254 ]
-    grep -q '^write, invalid statement at (dta = 5 ) wrote 512 bytes, sector = 0, data = 5, 05 00 00 00 ' test.out
+
+    # The others: the statement, then how the line after its echo begins.
+    while IFS='|' read -r statement report; do
+        printf 'command open disk.img RW\ncommand %s\n' "$statement" > test.in
+        run_masked
+        [ "$status" -eq 254 ] || { echo "status $status for $statement"; return 1; }
+        grep -q "^$report" test.out || { echo "no '$report'"; cat test.out; return 1; }
+    done <<'CASES'
+read_verify rec = 1|read, invalid statement at (rec = 1 ) read 512 bytes, sector = 0, data = 0, 
+write records = 1 dta = 5|write, invalid statement at (dta = 5 ) wrote 512 bytes, sector = 0, data = 5, 05 00 00 00 
+random_write block = 1 result rc == 512|random_write, invalid statement at (block = 1 result rc == 512 ) wrote 512 bytes, sector = 0, data = 0, 
+random_read blk = 1|random_read, invalid statement at (blk = 1 ) read 512 bytes, sector = 0, data = 0, 
+CASES
 }
 
 @test "data commands trace the access layer with -t" {
@@ -280,7 +266,7 @@ EOF2
         echo "lseek = 512"
         echo "system write() wrote 512 bytes. "
         echo "TTRACE: ps_write() exit. "
-        printf 'wrote 512 bytes, sector = 0, data = 0, %s\n' "$(head_bytes 0 0)"
+        xfer wrote 512 0 0
         echo "TTRACE: execute_command exit."
         echo "TTRACE: execute_command returned 1."
         echo "TTRACE: analyze entered (command write )."
@@ -305,7 +291,7 @@ EOF2
         echo "lseek = 512"
         echo "system read() read 512 bytes"
         echo "TTRACE: ps_read exit. "
-        printf 'read 512 bytes, sector = 0, data = 0, %s\n' "$(head_bytes 0 0)"
+        xfer read 512 0 0
         echo "TTRACE: execute_command exit."
         echo "TTRACE: execute_command returned 1."
         echo "TTRACE: analyze entered (command read )."

@@ -36,3 +36,25 @@ head_bytes() {
     printf '%02x %02x %02x %02x %s ...\n' $((id & 255)) $(((id >> 8) & 255)) $(((id >> 16) & 255)) \
         $(((id >> 24) & 255)) "$(pattern "$sector" 4)"
 }
+
+# opened N STATEMENT [MODE_LINE]: the echo line of an open that succeeds,
+# its mode line (read and write unless given) and its outcome.
+opened() {
+    echo_line "$1" "$2"
+    echo "${3:-Open mode: Read and wirte.}"
+    outcome FD
+}
+
+# xfer VERB BYTES SECTOR ID [PATTERN_SECTOR]: the report line of one record;
+# the pattern is the sector's own unless the buffer kept an older record.
+xfer() {
+    printf '%s %d bytes, sector = %s, data = %s, %s\n' "$1" "$2" "$3" "$4" "$(head_bytes "$4" "${5:-$3}")"
+}
+
+# xfers VERB BYTES SECTOR1 ID1 SECTOR2 ID2: the first and last report lines
+# of a transfer of several records.
+xfers() {
+    xfer "$1" "$2" "$3" "$4"
+    printf ' ... \n'
+    xfer "$1" "$2" "$5" "$6"
+}

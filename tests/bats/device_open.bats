@@ -28,24 +28,16 @@ EOF2
     [ "$output" = "$(usage_text)" ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RO result rc >= 0"
-        echo "Open mode: Read only."
-        outcome FD
+        opened 1 "command open disk.img RO result rc >= 0" "Open mode: Read only."
         echo_line 2 "command close result rc == 0"
         outcome 0
-        echo_line 3 "command open /dev/null RW result rc >= 0"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 3 "command open /dev/null RW result rc >= 0"
         echo_line 4 "command close result rc == 0"
         outcome 0
-        echo_line 5 "command open /dev/zero RO+NDELAY result rc >= 0"
-        echo "Open mode: Read only, no delay."
-        outcome FD
+        opened 5 "command open /dev/zero RO+NDELAY result rc >= 0" "Open mode: Read only, no delay."
         echo_line 6 "command close result rc == 0"
         outcome 0
-        echo_line 7 "command open disk.img RW+NDELAY result rc >= 0"
-        echo "Open mode:Read and write, no delay."
-        outcome FD
+        opened 7 "command open disk.img RW+NDELAY result rc >= 0" "Open mode:Read and write, no delay."
         echo_line 8 "command close result rc == 0"
         outcome 0
         echo_line 9 "command open missing.img RO result rc == -1 errno == 2"
@@ -75,9 +67,7 @@ EOF2
     [ "$status" -eq 0 ]
     {
         banner test.in test.out
-        echo_line 1 "command open /dev/zero RO"
-        echo "Open mode: Read only."
-        outcome FD
+        opened 1 "command open /dev/zero RO" "Open mode: Read only."
         echo_line 2 "command open disk.img RW result rc == 0"
         echo "tarnwick error in execute_command, device already open."
         outcome 0
@@ -224,17 +214,19 @@ EOF2
     } | assert_file masked.out
 }
 
-@test "command names match only at their full length" {
-    printf 'command readx\n' > test.in
-    run_masked
-    [ "$status" -eq 254 ]
-    {
-        banner test.in test.out
-        echo_line 1 "command readx"
-        echo "ERROR execute_command unrecognized command (command readx )"
-        outcome 0
-        footer 0 -2
-    } | assert_file masked.out
+@test "command names match only exactly: longer, shorter, other case" {
+    for name in readx get_inquiryX rea Read opens; do
+        printf 'command %s records = 1\n' "$name" > test.in
+        run_masked
+        [ "$status" -eq 254 ]
+        {
+            banner test.in test.out
+            echo_line 1 "command $name records = 1"
+            echo "ERROR execute_command unrecognized command (command $name records = 1 )"
+            outcome 0
+            footer 0 -2
+        } | assert_file masked.out
+    done
 }
 
 @test "a record over 262144 bytes is reported and never transferred" {
@@ -244,9 +236,7 @@ EOF2
     [ "${lines[3]}" = "batch file syntax error, line 3 " ]
     {
         banner test.in test.out
-        echo_line 1 "command open disk.img RW"
-        echo "Open mode: Read and wirte."
-        outcome FD
+        opened 1 "command open disk.img RW"
         echo_line 2 "set block_count = 600"
         echo_line 3 "command write result rc == 0"
         echo "Data transfer size of 307200 exceeds maximum supported 262144 "

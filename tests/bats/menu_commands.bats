@@ -10,16 +10,6 @@ setup() {
 }
 teardown() { teardown_workdir; }
 
-# The handle is whatever descriptor the open gets; the screen shows it in
-# the outcome line and in the settings display.
-handle_of_open() {
-    sed -n 's/^analyze return code \([0-9][0-9]*\) .*/\1/p' screen.txt | head -1
-}
-
-outcome() {  # return code, data
-    printf 'analyze return code %s  errno 0 (Successful) \n    error value 0 (Successful) residual 0 data %s\n' "$1" "${2:-0}"
-}
-
 @test "1, 20, 22 and 21 on a file: open read-only, timed read of two records, close" {
     run_menu '1\ndisk.img\n\n20\n\n22\n2\n\n21\n\n99\n'
     [ "$status" -eq 0 ]
@@ -72,26 +62,19 @@ outcome() {  # return code, data
     [ "$(od -An -tu4 -j 1024 -N 4 disk.img | tr -d ' ')" = 2 ]
 }
 
-@test "99 with the device open closes it; -t shows the close" {
-    run_menu '1\ndisk.img\n\n20\n\n99\n' -t
-    [ "$status" -eq 0 ]
-    tail -n 3 screen.txt > end.txt
-    assert_file end.txt <<'END'
-enter selection: TTRACE: calling ps_close. 
-TTRACE: ps_close returned 0. 
-TTRACE: main exit.
-END
-}
-
-@test "end of input with the device open closes it too" {
-    run_menu '1\ndisk.img\n\n20\n\n22\n' -t
-    [ "$status" -eq 0 ]
-    tail -n 3 screen.txt > end.txt
-    assert_file end.txt <<'END'
-enter selection: Number of 512 byte records to transfer: TTRACE: calling ps_close. 
-TTRACE: ps_close returned 0. 
-TTRACE: main exit.
-END
+@test "99, or end of input, with the device open closes it; -t shows the close" {
+    while IFS='|' read -r answers last_prompt; do
+        run_menu "1\ndisk.img\n\n20\n\n$answers" -t
+        [ "$status" -eq 0 ]
+        tail -n 3 screen.txt > end.txt
+        {
+            printf 'enter selection: %sTTRACE: calling ps_close. \n' "$last_prompt"
+            printf 'TTRACE: ps_close returned 0. \nTTRACE: main exit.\n'
+        } | assert_file end.txt
+    done <<'CASES'
+99\n|
+22\n|Number of 512 byte records to transfer: 
+CASES
 }
 
 @test "60 runs the answer, line end included, through the shell" {

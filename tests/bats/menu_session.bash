@@ -7,6 +7,7 @@ load helpers
 # Runs the menu on the answers (printf %b escapes) with any further
 # arguments as options. The masked screen lands in screen.txt. A menu that
 # kept asking at end of input would be stopped by the timeout (status 124).
+# shellcheck disable=SC2034  # status is read by the calling test
 run_menu() {
     local answers=$1
     shift
@@ -16,6 +17,11 @@ run_menu() {
     # time on the prompt's line, where mask_times (anchored) misses it.
     mask_times screen.raw |
         sed -E 's/(.)(Command elapsed time in seconds = ).*/\1\2<elapsed> /' > screen.txt
+}
+
+# The handle the first open got, from its outcome line on the screen.
+handle_of_open() {
+    sed -n 's/^analyze return code \([0-9][0-9]*\) .*/\1/p' screen.txt | head -1
 }
 
 usage_lines() {

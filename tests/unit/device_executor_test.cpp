@@ -29,16 +29,6 @@ struct Executor : ::testing::Test {
 
 }  // namespace
 
-TEST_F(Executor, NamesMatchOnlyAtFullLength) {
-    for (const char* name : {"readx", "get_inquiryX", "rea", "Read", "opens"}) {
-        std::string clause = std::string(name) + " records = 1";
-        test_context.result_code = 0;
-        EXPECT_EQ(run(clause), 1);
-        EXPECT_EQ(out.take(), "ERROR execute_command unrecognized command (" + clause + ")\n");
-        EXPECT_EQ(test_context.result_code, -2);
-    }
-}
-
 // The messages are in the black-box transcripts; the outcome they leave is not.
 TEST_F(Executor, ClosedDeviceLeavesTheOutcomeZeroAndDataAlone) {
     for (const char* name : {"read", "read_verify", "write", "random_read", "random_write", "get_inquiry",

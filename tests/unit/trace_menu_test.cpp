@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,7 +42,8 @@ std::size_t occurrences(const std::string& s, const std::string& what) {
 }
 
 // The driver's side of DD_TRACE: keeps its own flags, records every request
-// as it arrived, and can be told to refuse one command.
+// as it arrived, and can be told to refuse one command or to tamper with
+// each record after answering it.
 struct PlayedDriver {
     uint32_t flags = 0;
     std::vector<TraceArgumentRecord> requests;
@@ -50,6 +52,7 @@ struct PlayedDriver {
     int refuse_after = 0;  // requests of that command accepted before refusing
     std::string report = "10ENTRY open a ~0FEXIT open a ~0Bstate 1 ~";
     uint32_t entries = 3;
+    std::function<void(TraceArgumentRecord&)> tamper;
 
     int answer(unsigned long request, void* address) {
         if (request != DD_TRACE) return -1;
@@ -73,6 +76,7 @@ struct PlayedDriver {
             }
             default: break;
         }
+        if (tamper) tamper(*r);
         return 0;
     }
 };
@@ -207,28 +211,22 @@ TEST_F(TraceMenu, RecordIsInitialisedOnceAndKeptAcrossEntries) {
 }
 
 TEST_F(TraceMenu, StartAndEndTracingFlagArithmetic) {
-    driver.flags = 0x35;
-    session("19\n99\n");
-    ASSERT_EQ(driver.requests.size(), 2u);
-    EXPECT_EQ(driver.requests[0].command, DD_TRACE_GET_FLAGS);
-    EXPECT_EQ(driver.requests[1].command, DD_TRACE_SET_FLAGS);
-    EXPECT_EQ(driver.requests[1].flags, 0x4Du);
-    // A successful start shows the next pass at once.
-    EXPECT_EQ(output, std::string(kShortPass) + kShortPass);
-
-    driver = PlayedDriver{};
-    driver.flags = 0x35;
-    session("20\n99\n");
-    ASSERT_EQ(driver.requests.size(), 2u);
-    EXPECT_EQ(driver.requests[1].flags, 0x7Du);
-
-    driver = PlayedDriver{};
-    driver.flags = 0x4D;
-    session("21\n99\n");
-    ASSERT_EQ(driver.requests.size(), 2u);
-    EXPECT_EQ(driver.requests[1].command, DD_TRACE_SET_FLAGS);
-    EXPECT_EQ(driver.requests[1].flags, 0x45u);
-
+    struct Case {
+        const char* typed;
+        uint32_t before;
+        uint32_t sent;
+    } cases[] = {{"19\n99\n", 0x35, 0x4D}, {"20\n99\n", 0x35, 0x7D}, {"21\n99\n", 0x4D, 0x45}};
+    for (const Case& c : cases) {
+        driver = PlayedDriver{};
+        driver.flags = c.before;
+        session(c.typed);
+        ASSERT_EQ(driver.requests.size(), 2u) << c.typed;
+        EXPECT_EQ(driver.requests[0].command, DD_TRACE_GET_FLAGS);
+        EXPECT_EQ(driver.requests[1].command, DD_TRACE_SET_FLAGS);
+        EXPECT_EQ(driver.requests[1].flags, c.sent) << c.typed;
+        // A successful request shows the next pass at once.
+        EXPECT_EQ(output, std::string(kShortPass) + kShortPass) << c.typed;
+    }
     // Bits outside the table keep the driver's values.
     driver = PlayedDriver{};
     driver.flags = 0xFFFF0000u | TRACE_ENTRY;
@@ -549,25 +547,18 @@ TEST_F(TraceMenu, HostileReportsStayInsideTheBuffers) {
     for (const Hostile& h : cases) {
         driver = PlayedDriver{};
         driver.flags = TRACE_DUMP | TRACE_CC;
-        ScopedFakeIoctl fake([&](int, unsigned long, void* record) {
-            auto* r = static_cast<TraceArgumentRecord*>(record);
-            if (r->command == DD_TRACE_REPORT) {
-                auto* raw = reinterpret_cast<uint8_t*>(r->user_addr);
+        driver.tamper = [h](TraceArgumentRecord& r) {
+            if (r.command == DD_TRACE_REPORT) {
+                auto* raw = reinterpret_cast<uint8_t*>(r.user_addr);
                 std::memset(raw, h.fill, kTraceRawSize);
                 std::memcpy(raw + kTraceDumpCountOffset, &h.dump_bytes, sizeof h.dump_bytes);
-                r->bytes_reported = 0xFFFFFFFFu;
-                r->entry_count = 0xFFFFFFFFu;
+                r.bytes_reported = 0xFFFFFFFFu;
+                r.entry_count = 0xFFFFFFFFu;
             }
-            r->flags = TRACE_DUMP | TRACE_CC;
-            return 0;
-        });
-        FILE* in = tmpfile();
-        fputs("22\n9\n7\n10\n99\n", in);
-        rewind(in);
-        FILE* out = tmpfile();
-        EXPECT_EQ(trace_menu_session(stdout, in, out), 99);
-        fclose(in);
-        fclose(out);
+            r.flags = TRACE_DUMP | TRACE_CC;
+        };
+        EXPECT_EQ(session("22\n9\n7\n10\n99\n"), 99);
+        EXPECT_EQ(trace_state.raw_buffer[0], static_cast<uint8_t>(h.fill));  // the report the tool got
         EXPECT_LE(trace_state.cooked_bytes, kTraceCookedSize);
     }
     // All-'F' entries are 255 bytes long, 252 of text: as many as fit whole.
