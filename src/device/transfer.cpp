@@ -38,6 +38,19 @@ void print_first_bytes(FILE* stream) {
             b[6], b[7]);
 }
 
+// The per-record lines every data command shares; `done` is "read" or
+// "wrote", `failing` is "reading" or "writing".
+void report_record(FILE* stream, const char* done, int64_t size, int64_t sector, int32_t data) {
+    fprintf(stream, "%s %ld bytes, sector = %ld, data = %d, ", done, static_cast<long>(size), static_cast<long>(sector),
+            data);
+    print_first_bytes(stream);
+}
+
+void report_failure(FILE* stream, const char* failing, int64_t size, int64_t sector, int32_t data) {
+    fprintf(stream, "Error %s %ld bytes, sector = %ld, data = %d \n", failing, static_cast<long>(size),
+            static_cast<long>(sector), data);
+}
+
 // Sector arithmetic on values a script may set to anything: wrap instead of
 // overflowing; a wrapped, negative offset simply fails to seek.
 int64_t wrapping_product(int64_t a, int64_t b) {
@@ -87,16 +100,13 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
         outcome.return_code = n;
         outcome.data = buffer_identifier();
         if (n < 0) {
-            fprintf(stream, "Error reading %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
-                    static_cast<long>(block_seek), outcome.data);
+            report_failure(stream, "reading", size, block_seek, outcome.data);
             break;
         }
         test_context.bytes_transferred += n;
         last_good = r;
         if (r == 0) {
-            fprintf(stream, "read %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
-                    static_cast<long>(block_seek), outcome.data);
-            print_first_bytes(stream);
+            report_record(stream, "read", size, block_seek, outcome.data);
         }
         advance_block_seek();
         if (!verify) continue;
@@ -117,9 +127,8 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
         ++expected_sector;
     }
     if (last_good > 0) {
-        fprintf(stream, " ... \nread %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
-                static_cast<long>(block_seek - 1), buffer_identifier());
-        print_first_bytes(stream);
+        fputs(" ... \n", stream);
+        report_record(stream, "read", size, block_seek - 1, buffer_identifier());
     }
     capture_errno(outcome, call_errno);
 }
@@ -163,23 +172,19 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
         call_errno = errno;
         outcome.return_code = n;
         if (n < 0) {
-            fprintf(stream, "Error writing %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
-                    static_cast<long>(block_seek), buffer_identifier());
+            report_failure(stream, "writing", size, block_seek, buffer_identifier());
             break;
         }
         test_context.bytes_transferred += n;
         last_good = r;
         if (r == 0) {
-            fprintf(stream, "wrote %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
-                    static_cast<long>(block_seek), buffer_identifier());
-            print_first_bytes(stream);
+            report_record(stream, "wrote", size, block_seek, buffer_identifier());
         }
         advance_block_seek();
     }
     if (last_good > 0) {
-        fprintf(stream, " ... \nwrote %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
-                static_cast<long>(block_seek - 1), buffer_identifier());
-        print_first_bytes(stream);
+        fputs(" ... \n", stream);
+        report_record(stream, "wrote", size, block_seek - 1, buffer_identifier());
     }
     capture_errno(outcome, call_errno);
 }
@@ -202,8 +207,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
             fprintf(stream, "...Error seeking to sector %ld \n", static_cast<long>(sector));
             outcome.return_code = -1;
             outcome.data = buffer_identifier();
-            fprintf(stream, "Error reading %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
-                    static_cast<long>(sector), outcome.data);
+            report_failure(stream, "reading", size, sector, outcome.data);
             break;
         }
         last_sector = sector;
@@ -213,15 +217,12 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
         outcome.return_code = n;
         outcome.data = buffer_identifier();
         if (n < 0) {
-            fprintf(stream, "Error reading %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
-                    static_cast<long>(sector), outcome.data);
+            report_failure(stream, "reading", size, sector, outcome.data);
             break;
         }
         test_context.bytes_transferred += n;
         if (r == 0 || r == records - 1) {
-            fprintf(stream, "read %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
-                    static_cast<long>(sector), outcome.data);
-            print_first_bytes(stream);
+            report_record(stream, "read", size, sector, outcome.data);
         }
     }
     capture_errno(outcome, call_errno);
@@ -242,8 +243,7 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
             fprintf(stream, "....Error seeking to sector %ld \n", static_cast<long>(sector));
             outcome.return_code = -1;
             outcome.data = buffer_identifier();
-            fprintf(stream, "Error writing %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
-                    static_cast<long>(sector), outcome.data);
+            report_failure(stream, "writing", size, sector, outcome.data);
             break;
         }
         last_sector = sector;
@@ -254,15 +254,12 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
         outcome.return_code = n;
         outcome.data = buffer_identifier();
         if (n < 0) {
-            fprintf(stream, "Error writing %ld bytes, sector = %ld, data = %d \n", static_cast<long>(size),
-                    static_cast<long>(sector), outcome.data);
+            report_failure(stream, "writing", size, sector, outcome.data);
             break;
         }
         test_context.bytes_transferred += n;
         if (r == 0 || r == records - 1) {
-            fprintf(stream, "wrote %ld bytes, sector = %ld, data = %d, ", static_cast<long>(size),
-                    static_cast<long>(sector), outcome.data);
-            print_first_bytes(stream);
+            report_record(stream, "wrote", size, sector, outcome.data);
         }
     }
     capture_errno(outcome, call_errno);
