@@ -274,8 +274,12 @@ int32_t big_endian_field(const uint8_t* bytes) {
 
 void command_device_capacity(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
     uint8_t capacity[8] = {};
+    // A device that cannot answer fails the command as it always has: the
+    // refused size request's errno must not show up as the error value.
+    const int earlier_errno = errno;
     outcome.return_code = ps_get_capacity(stream, test_context.device_handle, capacity, sizeof capacity);
     if (outcome.return_code == -1) {
+        errno = earlier_errno;
         fprintf(stream, "tarnwick error calling ps_get_capacity\n");
         return;
     }
