@@ -3,6 +3,7 @@
 #include "driver.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -318,6 +319,21 @@ int Sim::request(uint32_t code, void* record) {
         return -1;
     }
     return 0;
+}
+
+bool Sim::block_layer_request(int device, uint32_t code, void* record, int* rc) {
+    bool copied = true;
+    if (code == static_cast<uint32_t>(BLKGETSIZE64)) {
+        uint64_t bytes = device_size(device);
+        copied = copy_to_user(record, &bytes, sizeof bytes);
+    } else if (code == static_cast<uint32_t>(BLKSSZGET)) {
+        int block_length = static_cast<int>(kSectorSize);
+        copied = copy_to_user(record, &block_length, sizeof block_length);
+    } else {
+        return false;
+    }
+    *rc = copied ? 0 : (errno = EFAULT, -1);
+    return true;
 }
 
 // Each handler copies the record in, answers, and copies it back; a failure

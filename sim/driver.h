@@ -136,6 +136,11 @@ public:
 
     // A control request on an open vpath: 0, or -1 with errno.
     int request(uint32_t code, void* record);
+    // The size requests the kernel's block layer answers for every block
+    // device before its driver sees a request (BLKGETSIZE64: bytes,
+    // BLKSSZGET: logical block size). False when code is not one of them;
+    // else *rc is 0, or -1 with errno.
+    bool block_layer_request(int device, uint32_t code, void* record, int* rc);
 
     // Fault injection and inspection for the control program.
     bool fail_path(int device, int path);
