@@ -35,7 +35,7 @@ std::string describe(uint8_t kind, int device, int target, uint32_t argument) {
 }
 
 std::string count_text(uint64_t count, bool in_sectors) {
-    return std::to_string(count) + (in_sectors ? " sectors" : " transfers");
+    return std::to_string(count) + (in_sectors ? " sector" : " transfer") + (count == 1 ? "" : "s");
 }
 
 }  // namespace
@@ -146,7 +146,7 @@ void Sim::strike(const ScheduledFault& fault, bool scheduled) {
             PathFaults& path = state_->faults.paths[d][t];
             path.flaky_every = fault.argument;
             path.flaky_count = 0;
-            trace("vpath%d path %d flaky, every %u tries fail%s\n", d, t, fault.argument, when.c_str());
+            trace("vpath%d path %d flaky (every %u)%s\n", d, t, fault.argument, when.c_str());
             break;
         }
         case kFaultDropWrites:
