@@ -21,7 +21,7 @@ namespace vpathsim {
 namespace {
 
 constexpr char kMagic[8] = {'v', 'p', 'a', 't', 'h', 's', 'i', 'm'};
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 // What the trace record shows as the table's "kernel address".
 constexpr uint64_t kTableAddress = 0xffffc90000a00000ull;
 
@@ -91,7 +91,8 @@ bool valid_layout(const SharedState& s) {
         for (int p = 0; p < device.path_count; ++p)
             if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;
     }
-    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && s.trace.used <= kTraceTableSize;
+    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && s.trace.used <= kTraceTableSize &&
+           valid_faults(s);
 }
 
 }  // namespace
@@ -256,6 +257,8 @@ int Sim::begin_transfer(int device, bool write, uint64_t position, size_t length
         return EIO;
     }
     *path = chosen;
+    if (int error = flaky_retry(device, what, path); error != 0) return error;
+    chosen = *path;
     for (int i = 0; i < state_->injected_count; ++i) {
         const InjectedSector& bad = state_->injected[i];
         if (bad.device == device && bad.sector >= first && bad.sector <= last) {
@@ -294,6 +297,7 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
     } else {
         trace("EXIT vpath_%s vpath%d length %zu rc %zd\n", what, device, length, result);
     }
+    if (length > 0) advance_schedule(device, length);
 }
 
 int Sim::request(uint32_t code, void* record) {
@@ -601,6 +605,7 @@ void Sim::restore() {
         for (auto& path : device.paths) path.failed = 0;
     for (auto& adapter : state_->adapters) adapter.failed = 0;
     state_->injected_count = 0;
+    std::memset(&state_->faults, 0, sizeof state_->faults);
     trace("faults cleared\n");
 }
 
@@ -639,6 +644,7 @@ void Sim::show(FILE* out) {
     for (int i = 0; i < state_->injected_count; ++i)
         std::fprintf(out, "eio vpath%d sector %llu\n", state_->injected[i].device,
                      static_cast<unsigned long long>(state_->injected[i].sector));
+    show_faults(out);
 }
 
 }  // namespace vpathsim
