@@ -47,16 +47,6 @@ public:
         fflush(stream);
         return std::string(data_, size_);
     }
-    // The text so far, and a fresh empty stream for what follows.
-    std::string take() {
-        std::string s = text();
-        fclose(stream);
-        free(data_);
-        data_ = nullptr;
-        size_ = 0;
-        stream = open_memstream(&data_, &size_);
-        return s;
-    }
 
 private:
     char* data_ = nullptr;
