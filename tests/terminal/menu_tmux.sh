@@ -12,10 +12,7 @@ on() {
     text=$1; shift
     for _ in $(seq 150); do
         tmux -L "$socket" capture-pane -p -J -S - -t menu > "$work/pane" 2> /dev/null
-        if grep -qF -- "$text" "$work/pane"; then
-            [ $# -eq 0 ] || tmux -L "$socket" send-keys -t menu "$@"
-            return 0
-        fi
+        grep -qF -- "$text" "$work/pane" && { [ $# -eq 0 ] || tmux -L "$socket" send-keys -t menu "$@"; return 0; }
         sleep 0.1
     done
     echo "gave up waiting for '$text'; the pane shows:"; cat "$work/pane"; exit 1
