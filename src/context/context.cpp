@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstring>
 
+#include <unistd.h>
+
 TestContext test_context;
 
 int64_t sector_size = 512;
@@ -13,6 +15,11 @@ int64_t block_max = 1000;
 void report_syntax_error() {
     printf("batch file syntax error, line %d \n", test_context.line_number);
     test_context.result_code = kResultSyntaxError;
+}
+
+bool stderr_is_terminal() {
+    static const bool terminal = isatty(STDERR_FILENO) == 1;
+    return terminal;
 }
 
 void ttrace(FILE* stream, const char* format, ...) {
