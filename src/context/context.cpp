@@ -1,5 +1,6 @@
 #include "context/context.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 
@@ -18,7 +19,10 @@ void report_syntax_error() {
 }
 
 bool stderr_is_terminal() {
+    // Asked between commands whose errno a result clause may still judge.
+    const int saved = errno;
     static const bool terminal = isatty(STDERR_FILENO) == 1;
+    errno = saved;
     return terminal;
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <ctime>
@@ -12,6 +13,19 @@
 #include "context/context.h"
 
 namespace {
+
+// The line lives inside the data loops, whose commands report the errno the
+// system last left: nothing done for the screen may change it.
+class KeepErrno {
+public:
+    KeepErrno() : saved_(errno) {}
+    ~KeepErrno() { errno = saved_; }
+    KeepErrno(const KeepErrno&) = delete;
+    KeepErrno& operator=(const KeepErrno&) = delete;
+
+private:
+    int saved_;
+};
 
 constexpr int64_t kNanosecond = 1000000000;
 constexpr int64_t kShowAfter = kNanosecond;       // a quick command never shows a line
@@ -57,6 +71,7 @@ void format_time_left(char* out, std::size_t size, double seconds) {
 
 TransferProgress::TransferProgress(FILE* stream, const char* command, int64_t total_records)
     : countdown_(kNever), command_(command), total_(total_records) {
+    const KeepErrno keep;
     if (!stderr_is_terminal() || isatty(fileno(stream)) == 1 || total_records <= 1) return;
     winsize size{};
     if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1) width_ = size.ws_col;
@@ -66,10 +81,12 @@ TransferProgress::TransferProgress(FILE* stream, const char* command, int64_t to
 }
 
 TransferProgress::~TransferProgress() {
+    const KeepErrno keep;
     if (shown_) fputs("\r\x1b[K", stderr);
 }
 
 void TransferProgress::poll(int64_t done) {
+    const KeepErrno keep;
     const int64_t now = monotonic_ns();
     const int64_t since = now - polled_ns_;
     // Aim the next look at kPollEvery from now; grow at most twofold a time
