@@ -7,6 +7,7 @@
 #include "context/context.h"
 #include "device/data_commands.h"
 #include "device/device.h"
+#include "device/progress.h"
 #include "script/script.h"
 
 int64_t last_sector = 0;
@@ -92,6 +93,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
     bool go_on = true;
     // A verification failure reports whatever errno the system last left.
     int call_errno = errno;
+    TransferProgress progress(stream, verify ? "read_verify" : "read", records);
     for (int64_t r = 0; r < records && go_on; ++r) {
         last_sector = block_seek;
         int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
@@ -105,6 +107,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
         }
         test_context.bytes_transferred += n;
         last_good = r;
+        progress.record(r + 1);
         if (r == 0) {
             report_record(stream, "read", size, block_seek, outcome.data);
         }
@@ -163,6 +166,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     }
     int64_t last_good = 0;
     int call_errno = 0;
+    TransferProgress progress(stream, "write", records);
     for (int64_t r = 0; r < records; ++r) {
         set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
         fill_record_pattern(io_buffer(), block_seek);
@@ -177,6 +181,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
         }
         test_context.bytes_transferred += n;
         last_good = r;
+        progress.record(r + 1);
         if (r == 0) {
             report_record(stream, "wrote", size, block_seek, buffer_identifier());
         }
@@ -193,6 +198,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
     int64_t records = 0;
     int call_errno = 0;
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
+    TransferProgress progress(stream, "random_read", records);
     for (int64_t r = 0; r < records; ++r) {
         int64_t sector = random_sector();
         int64_t sectors = rand() % 10 + 1;
@@ -221,6 +227,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
             break;
         }
         test_context.bytes_transferred += n;
+        progress.record(r + 1);
         if (r == 0 || r == records - 1) {
             report_record(stream, "read", size, sector, outcome.data);
         }
@@ -232,6 +239,7 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
     int64_t records = 0;
     int call_errno = 0;
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
+    TransferProgress progress(stream, "random_write", records);
     for (int64_t r = 0; r < records; ++r) {
         int64_t sector = random_sector();
         int64_t size = std::min(sector_size, kBufferBytes);
@@ -258,6 +266,7 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
             break;
         }
         test_context.bytes_transferred += n;
+        progress.record(r + 1);
         if (r == 0 || r == records - 1) {
             report_record(stream, "wrote", size, sector, outcome.data);
         }
