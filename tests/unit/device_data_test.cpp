@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -135,6 +137,48 @@ TEST_F(DataCommands, ShortFormsAndNegativeIdentifier) {
     EXPECT_EQ(test_context.result_code, -2);
     EXPECT_EQ(out.take().substr(0, 42), "write, invalid statement at (dat = -2) wro");
     EXPECT_EQ(file_bytes()[512], 0xfe);
+}
+
+// A stream that raises SIGINT as it takes the first record's report line:
+// every data command must then end at that record boundary.
+ssize_t raise_stop(void*, const char*, size_t size) {
+    raise(SIGINT);
+    return static_cast<ssize_t>(size);
+}
+
+TEST_F(DataCommands, StopSignalEndsEachTransferAfterItsRecord) {
+    catch_stop_signals();
+    FILE* stopping = fopencookie(nullptr, "w", {nullptr, raise_stop, nullptr, nullptr});
+    ASSERT_NE(stopping, nullptr);
+    setvbuf(stopping, nullptr, _IONBF, 0);
+    for (const char* clause : {"write records = 5", "read records = 5", "read_verify records = 5",
+                               "random_write blocks = 5", "random_read blocks = 5"}) {
+        stop_signal = 0;
+        block_seek = 0;
+        const double before = test_context.bytes_transferred;
+        outcome = {};
+        run_command(clause, stopping, outcome);
+        EXPECT_EQ(stop_signal, SIGINT) << clause;
+        EXPECT_EQ(outcome.return_code, 512) << clause;
+        EXPECT_EQ(test_context.bytes_transferred - before, 512.0) << clause;
+    }
+    fclose(stopping);
+    signal(SIGINT, SIG_DFL);
+    stop_signal = 0;
+}
+
+// Random sectors of a huge block_max: an offset beyond 64 bits is a failed
+// seek (EOVERFLOW), never a wrapped offset that reaches some other sector.
+TEST_F(DataCommands, RandomOffsetBeyond64BitsFailsToSeek) {
+    block_max = INT64_MAX;
+    for (const char* clause : {"random_write blocks = 1", "random_read blocks = 1"}) {
+        srand(1);  // the first draw lands far above INT64_MAX / 512
+        run(clause);
+        EXPECT_EQ(outcome.return_code, -1) << clause;
+        EXPECT_EQ(outcome.error_number, EOVERFLOW) << clause;
+        EXPECT_NE(out.take().find("Error seeking to sector "), std::string::npos) << clause;
+    }
+    EXPECT_TRUE(file_bytes().empty());
 }
 
 TEST(DisplayBlock, StopsAtTheBufferAndShowsPartialLines) {

@@ -81,3 +81,12 @@ TEST_F(DispatcherTest, NewlineToBlankStopsAtZeroAndAtTheLength) {
     newline_to_blank(buffer, sizeof buffer);
     EXPECT_EQ(std::memcmp(buffer, "a b \0\n", 6), 0);
 }
+
+TEST(BatchLineCounter, StopsAtInt32Max) {
+    test_context.line_number = INT32_MAX - 1;
+    EXPECT_TRUE(count_batch_line());
+    EXPECT_EQ(test_context.line_number, INT32_MAX);
+    EXPECT_FALSE(count_batch_line());
+    EXPECT_EQ(test_context.line_number, INT32_MAX);
+    test_context.line_number = 0;
+}
