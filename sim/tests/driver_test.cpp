@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
+#include <functional>
 #include <filesystem>
 
 #include "driver.h"
@@ -326,6 +328,45 @@ TEST_F(DriverTest, CorruptStateIsRebuilt) {
     DeviceCountRecord count{};
     ASSERT_EQ(other.request(kGetNumberDevices, &count), 0);
     EXPECT_EQ(count.count, 2);
+}
+
+// Counts later used as bounds: each hostile value makes the loaded state
+// start over (the offline path comes back) instead of being trusted.
+TEST_F(DriverTest, CountsUsedAsBoundsAreCheckedOnLoad) {
+    const std::function<void(SharedState&)> corruptions[] = {
+        [](SharedState& s) { s.trace.used = kTraceTableSize + 1; },
+        [](SharedState& s) { s.trace.used = 2, s.trace.entries = 1; },  // std::clamp(oldest, 3, 2)
+        [](SharedState& s) { s.trace.used = 30, s.trace.last_offset = 31; },
+        [](SharedState& s) { s.devices[1].last_path = INT32_MAX; },
+        [](SharedState& s) { s.devices[0].last_path = -1; },
+    };
+    for (const auto& corrupt : corruptions) {
+        int32_t status = 0;
+        ASSERT_EQ(set_path(0, 0, 2, &status), 0);
+        corrupt(*sim_.state());
+        Sim other;
+        std::string error;
+        ASSERT_TRUE(other.attach(dir_, "", &error)) << error;
+        EXPECT_EQ(other.state()->devices[0].paths[0].offline, 0);
+        EXPECT_EQ(other.state()->trace.used, 0u);
+    }
+}
+
+// A state file cut short under a running program: requests fail with EIO
+// instead of the mapping raising SIGBUS, and work again once it is whole.
+TEST_F(DriverTest, StateCutShortFailsRequestsWithEio) {
+    ASSERT_EQ(truncate((dir_ + "/state").c_str(), 100), 0);
+    DeviceCountRecord count{};
+    EXPECT_EQ(send(kGetNumberDevices, count), -1);
+    EXPECT_EQ(errno, EIO);
+    errno = 0;
+    EXPECT_EQ(io(0, true, 0, 512), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(sim_.device_size(0), 0u);
+    EXPECT_TRUE(sim_.lost());
+    ASSERT_EQ(truncate((dir_ + "/state").c_str(), sizeof(SharedState)), 0);
+    EXPECT_EQ(send(kGetNumberDevices, count), 0);
+    EXPECT_FALSE(sim_.lost());
 }
 
 }  // namespace

@@ -73,6 +73,27 @@ TEST_F(PreloadTest, RefusalsMatchTheKernel) {
               "open 0\nwrite -1 EFAULT\nioctl -1 ENODEV\nrecord 3 9 0 0\n");
 }
 
+// Get number of devices answers 0 on a vpath and ENOTTY on any other file.
+TEST_F(PreloadTest, CopiesOfADescriptorAreFollowed) {
+    EXPECT_EQ(probe("open /dev/vpath0 2 dup ioctl 0x6402 fcntl-dup ioctl 0x6402"),
+              "open 0\ndup 0\nioctl 0\nrecord 0 2 0 0\nfcntl-dup 0\nioctl 0\nrecord 0 2 0 0\n");
+    for (const char* copy : {"dup2", "dup3"}) {
+        EXPECT_EQ(probe(std::string("open /dev/vpath0 2 ") + copy + " /dev/null ioctl 0x6402"),
+                  std::string("open 0\n") + copy + " 0\nioctl -1 ENOTTY\nrecord 0 0 0 0\n");
+    }
+    EXPECT_EQ(probe("open /dev/vpath0 2 close-range open /dev/null 0 ioctl 0x6402"),
+              "open 0\nclose-range 0\nopen 0\nioctl -1 ENOTTY\nrecord 0 0 0 0\n");
+}
+
+// A state file cut short under a running program fails its requests with
+// EIO and a message, where touching the mapping would raise SIGBUS.
+TEST_F(PreloadTest, StateCutShortFailsWithEio) {
+    EXPECT_EQ(probe("open /dev/vpath0 2 system 'truncate -s 0 \"$VPATHSIM_STATE\"/state' read 512 ioctl 0x6402"),
+              "open 0\nsystem 0\nvpathsim: " + dir_ +
+                  "/state was cut short while in use; requests fail with EIO\nread -1 EIO\nioctl -1 EIO\n"
+                  "record 0 0 0 0\n");
+}
+
 TEST_F(PreloadTest, FaultsReachTheProgramAndChildrenAreUnharmed) {
     Sim sim;
     std::string error;

@@ -2,7 +2,9 @@
 // line per call, so tests can run it under the preload library:
 //   open PATH FLAGS | close | read N | write N BYTE | seek OFFSET [WHENCE]
 //   ioctl CODE [INT@4 [INT@8 [INT@12]]] | bad-read | bad-write | bad-ioctl CODE
-//   system COMMAND
+//   system COMMAND | dup | fcntl-dup | dup2 PATH | dup3 PATH | close-range
+// The dup forms go on with the new descriptor; dup2 and dup3 put PATH,
+// opened read-only, on the current descriptor's number.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -73,6 +75,16 @@ int main(int argc, char** argv) {
             report("write", write(fd, bad_address(), 512));
         } else if (op == "bad-ioctl") {
             report("ioctl", ioctl(fd, static_cast<unsigned long>(arg(0)), bad_address()));
+        } else if (op == "dup" || op == "fcntl-dup") {
+            fd = op == "dup" ? dup(fd) : fcntl(fd, F_DUPFD, 10);
+            report(op.c_str(), fd < 0 ? -1 : 0);
+        } else if ((op == "dup2" || op == "dup3") && i + 1 < argc) {
+            int other = open(argv[++i], O_RDONLY);
+            int rc = op == "dup2" ? dup2(other, fd) : dup3(other, fd, O_CLOEXEC);
+            report(op.c_str(), rc < 0 ? -1 : 0);
+            close(other);
+        } else if (op == "close-range") {
+            report("close-range", close_range(static_cast<unsigned>(fd), static_cast<unsigned>(fd), 0));
         } else if (op == "system" && i + 1 < argc) {
             std::fflush(stdout);
             report("system", std::system(argv[++i]));
