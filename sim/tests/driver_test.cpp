@@ -371,3 +371,41 @@ TEST_F(DriverTest, StateCutShortFailsRequestsWithEio) {
 
 }  // namespace
 }  // namespace vpathsim
+
+namespace vpathsim {
+namespace {
+
+// A refused fault leaves the state as it was; a state file whose fault table
+// names what the topology lacks is started over rather than obeyed.
+TEST_F(DriverTest, BadFaultsAreRefusedAndHostileFaultTablesRebuilt) {
+    std::string error;
+    ASSERT_TRUE(sim_.arm({kFaultFailPath, 0, 1, 0, 0, false}, &error));
+    const struct {
+        FaultRequest request;
+        const char* error;
+    } refused[] = {
+        {{kFaultFailPath, 2, 0, 0, 5, false}, "no device vpath2"},
+        {{kFaultDropWrites, 0, 4, 0, 0, false}, "no path 4 on vpath0"},
+        {{kFaultRestoreAdapter, -1, 2, 0, 5, false}, "no adapter 2"},
+        {{kFaultFlakyPath, 0, 1, 3, 5, false}, "path 1 of vpath0 has failed already; restore it first"},
+        {{kFaultFlakyPath, 0, 2, 0, 0, false}, "every: K must be 1 or more"},
+    };
+    SharedState before = *sim_.state();
+    for (const auto& bad : refused) {
+        EXPECT_FALSE(sim_.arm(bad.request, &error));
+        EXPECT_EQ(error, bad.error);
+    }
+    EXPECT_EQ(std::memcmp(&before, sim_.state(), sizeof before), 0);
+    for (int i = 0; i < kMaxScheduled; ++i) ASSERT_TRUE(sim_.arm({kFaultFailPath, 1, 0, 0, 9, false}, &error));
+    EXPECT_FALSE(sim_.arm({kFaultFailPath, 1, 0, 0, 9, false}, &error));
+    EXPECT_EQ(error, "too many pending faults (at most 32)");
+
+    sim_.state()->faults.scheduled[3].target = 4;  // vpath1 has paths 0 to 3
+    Sim other;
+    ASSERT_TRUE(other.attach(dir_, "", &error)) << error;
+    EXPECT_EQ(other.state()->faults.scheduled_count, 0);
+    EXPECT_EQ(other.state()->devices[0].paths[1].failed, 0);
+}
+
+}  // namespace
+}  // namespace vpathsim

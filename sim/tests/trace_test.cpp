@@ -139,3 +139,38 @@ TEST_F(TraceTest, BadAddressesAndCommands) {
 
 }  // namespace
 }  // namespace vpathsim
+
+namespace vpathsim {
+namespace {
+
+// Faults armed for later are traced when armed and when they strike; the
+// path faults each time they hit a transfer.
+TEST_F(TraceTest, FaultsAreTracedWhenTheyStrike) {
+    ASSERT_EQ(command(kTraceSetFlags, kTraceCc | kTraceDebug), 0);
+    std::string error;
+    FaultRequest fail{kFaultFailPath, 0, 2, 0, 2, false};
+    FaultRequest flaky{kFaultFlakyPath, 0, 3, 1, 0, false};
+    FaultRequest corrupt{kFaultCorruptReads, 0, 0, 7, 1, true};
+    FaultRequest gone{kFaultFailDevice, 0, -1, 0, 3, false};
+    for (const auto& request : {fail, flaky, corrupt, gone}) ASSERT_TRUE(sim_.arm(request, &error)) << error;
+    for (int i = 0; i < 4; ++i) some_io();
+    ASSERT_EQ(command(kTraceReport, 0, 4096), 0);
+    EXPECT_EQ(entries(), (std::vector<std::string>{
+                             "fail-path 0 2 armed: after 2 transfers\n",
+                             "vpath0 path 3 flaky (every 1)\n",
+                             "corrupt-reads 0 0 byte 7 armed: after 1 sector\n",
+                             "fail-device 0 armed: after 3 transfers\n",
+                             "vpath0 read via path 1 (sdb) on scsi1\n",
+                             "vpath0 path 0 corrupts byte 7 of reads (after 1 sector)\n",
+                             "vpath0 read via path 2 (sdc) on scsi0\n",
+                             "vpath0 path 2 failed (after 2 transfers)\n",
+                             "vpath0 read via path 3 (sdd): flaky path error, retried on path 0\n",
+                             "vpath0 read via path 0 (sda): byte 7 corrupted\n",
+                             "vpath0 read via path 0 (sda) on scsi0\n",
+                             "vpath0 every path failed (after 3 transfers)\n",
+                             "vpath0 read: no functioning path\n",
+                         }));
+}
+
+}  // namespace
+}  // namespace vpathsim

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -79,7 +80,12 @@ bool output_is_input() {
     const TestContext& c = test_context;
     struct stat input = {};
     struct stat output = {};
-    if (stat(c.batch_input_file, &input) != 0 || stat(c.batch_output_file, &output) != 0) return false;
+    // A missing file is no clash, and its ENOENT must not be left for the
+    // first statement to report as the system's last error.
+    const int saved = errno;
+    const bool both = stat(c.batch_input_file, &input) == 0 && stat(c.batch_output_file, &output) == 0;
+    errno = saved;
+    if (!both) return false;
     if (input.st_dev != output.st_dev || input.st_ino != output.st_ino) return false;
     fprintf(stderr, "Error, batch output file '%s' is the batch input file '%s' \n", c.batch_output_file,
             c.batch_input_file);

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "device_test_support.h"
+#include "fake_ioctl.h"
 
 namespace {
 
@@ -179,6 +181,80 @@ TEST_F(DataCommands, RandomOffsetBeyond64BitsFailsToSeek) {
         EXPECT_NE(out.take().find("Error seeking to sector "), std::string::npos) << clause;
     }
     EXPECT_TRUE(file_bytes().empty());
+}
+
+// What the block layer answers (or refuses with an errno) decides the
+// capacity record and what device_capacity makes of it; a refused or
+// senseless answer leaves the command failing and the variables alone.
+TEST_F(DataCommands, CapacityFromTheBlockSizeRequests) {
+    constexpr uint64_t kTiB = 1ull << 40;
+    const char* kFailed = "tarnwick error calling ps_get_capacity\n";
+    struct Case {
+        const char* name;
+        int size_errno;  // 0: BLKGETSIZE64 answers bytes
+        uint64_t bytes;
+        int block_errno;  // 0: BLKSSZGET answers block
+        int block;
+        const char* record;  // the eight record bytes in hex; "" when the query fails
+        const char* output;
+        int64_t block_max, sector_size;
+    } cases[] = {
+        {"64 MiB of 512", 0, 64 << 20, 0, 512, "0001ffff00000200", "\nsector size = 512, highest LBA = 131071 \n\n",
+         131071, 512},
+        {"4 KiB blocks", 0, 64 << 20, 0, 4096, "00003fff00001000", "\nsector size = 4096, highest LBA = 16383 \n\n",
+         16383, 4096},
+        {"last block cut short", 0, (64 << 20) + 100, 0, 512, "0001ffff00000200",
+         "\nsector size = 512, highest LBA = 131071 \n\n", 131071, 512},
+        {"1 TiB, highest fits 31 bits", 0, kTiB, 0, 512, "7fffffff00000200",
+         "\nsector size = 512, highest LBA = 2147483647 \n\n", 2147483647, 512},
+        {"1.5 TiB reads negative", 0, kTiB + kTiB / 2, 0, 512, "bfffffff00000200",
+         "\nsector size = 512, highest LBA = 2147483647 \n\n", 2147483647, 512},
+        {"3 TiB past 32 bits", 0, 3 * kTiB, 0, 512, "ffffffff00000200",
+         "\nsector size = 512, highest LBA = 2147483647 \n\n", 2147483647, 512},
+        {"size refused", ENOTTY, 0, 0, 512, "", kFailed, 0, 512},
+        {"block length refused", 0, 64 << 20, EINVAL, 0, "", kFailed, 0, 512},
+        {"empty device", 0, 0, 0, 512, "", kFailed, 0, 512},
+        {"less than a block", 0, 511, 0, 512, "", kFailed, 0, 512},
+        {"block length 0", 0, 64 << 20, 0, 0, "", kFailed, 0, 512},
+        {"negative block length", 0, 64 << 20, 0, -512, "", kFailed, 0, 512},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScopedFakeIoctl fake([&c](int, unsigned long request, void* record) {
+            if (static_cast<uint32_t>(request) == static_cast<uint32_t>(BLKGETSIZE64)) {
+                if (c.size_errno != 0) return errno = c.size_errno, -1;
+                std::memcpy(record, &c.bytes, sizeof c.bytes);
+                return 0;
+            }
+            EXPECT_EQ(static_cast<uint32_t>(request), static_cast<uint32_t>(BLKSSZGET));
+            if (c.block_errno != 0) return errno = c.block_errno, -1;
+            std::memcpy(record, &c.block, sizeof c.block);
+            return 0;
+        });
+        uint8_t record[8] = {};
+        int rc = ps_get_capacity(out.stream, test_context.device_handle, record, sizeof record);
+        EXPECT_EQ(rc, *c.record == '\0' ? -1 : 0);
+        if (rc == 0) {
+            char hex[17];
+            for (int i = 0; i < 8; ++i) snprintf(hex + 2 * i, 3, "%02x", record[i]);
+            EXPECT_STREQ(hex, c.record);
+        }
+        block_max = 0;
+        sector_size = 512;
+        ASSERT_EQ(run("device_capacity"), 1);
+        EXPECT_EQ(out.take(), c.output);
+        EXPECT_EQ(outcome.return_code, rc);
+        EXPECT_EQ(outcome.error_number, 0);
+        EXPECT_EQ(block_max, c.block_max);
+        EXPECT_EQ(sector_size, c.sector_size);
+    }
+    uint8_t record[8] = {};
+    EXPECT_EQ(ps_get_capacity(out.stream, test_context.device_handle, record, 7), -1);  // record too short
+    // A regular file has no block size to ask for: the command fails as ever.
+    ASSERT_EQ(run("device_capacity"), 1);
+    EXPECT_EQ(out.take(), kFailed);
+    EXPECT_EQ(outcome.return_code, -1);
+    EXPECT_EQ(block_max, 0);
 }
 
 TEST(DisplayBlock, StopsAtTheBufferAndShowsPartialLines) {

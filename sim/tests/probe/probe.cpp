@@ -34,7 +34,7 @@ void report(const char* what, long rc) {
 
 int main(int argc, char** argv) {
     int fd = -1;
-    static unsigned char buffer[1 << 18];
+    alignas(4096) static unsigned char buffer[1 << 18];  // fit for direct transfers
     for (int i = 1; i < argc; ++i) {
         std::string op = argv[i];
         auto numeric = [&] {
