@@ -91,8 +91,15 @@ bool valid_layout(const SharedState& s) {
         for (int p = 0; p < device.path_count; ++p)
             if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;
     }
-    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && s.trace.used <= kTraceTableSize &&
-           valid_faults(s);
+    // Every count later used as a bound or an index: the trace table's
+    // entries take three bytes at least, and the last path used picks the
+    // next one by arithmetic.
+    const TraceTable& trace = s.trace;
+    if (trace.used > kTraceTableSize || trace.entries > trace.used / 3 || trace.last_offset > trace.used)
+        return false;
+    for (int d = 0; d < t.device_count; ++d)
+        if (s.devices[d].last_path < 0 || s.devices[d].last_path >= t.devices[d].path_count) return false;
+    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && valid_faults(s);
 }
 
 }  // namespace
@@ -111,7 +118,19 @@ Sim::~Sim() {
     if (fd_ >= 0) close(fd_);
 }
 
-void Sim::lock() { while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {} }
+bool Sim::lock() {
+    while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {}
+    if (state_ == nullptr) return true;  // attach() sizes the file itself
+    struct stat info {};
+    if (fstat(fd_, &info) == 0 && info.st_size >= static_cast<off_t>(sizeof(SharedState))) {
+        lost_ = false;
+        return true;
+    }
+    if (!lost_) std::fprintf(stderr, "vpathsim: %s/state was cut short while in use; requests fail with EIO\n", dir_.c_str());
+    lost_ = true;
+    flock(fd_, LOCK_UN);
+    return false;
+}
 void Sim::unlock() { flock(fd_, LOCK_UN); }
 
 std::string Sim::image_path(int device) const { return dir_ + "/vpath" + std::to_string(device) + ".img"; }
@@ -144,6 +163,7 @@ bool Sim::attach(const std::string& dir, const std::string& config, std::string*
 
 bool Sim::reset(const Topology& topology, std::string* error) {
     SimLock guard(*this);
+    if (!guard.held()) return *error = dir_ + "/state: cut short while in use", false;
     return reset_locked(topology, error);
 }
 
@@ -180,11 +200,13 @@ int Sim::device_for_path(const char* path, bool* node) {
     }
     if (node != nullptr) *node = true;
     SimLock guard(*this);
+    if (!guard.held()) return -1;
     return number < state_->topology.device_count ? number : -1;
 }
 
 uint64_t Sim::device_size(int device) {
     SimLock guard(*this);
+    if (!guard.held()) return 0;
     return state_->topology.devices[device].size;
 }
 
@@ -302,6 +324,7 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
 
 int Sim::request(uint32_t code, void* record) {
     SimLock guard(*this);
+    if (!guard.held()) return errno = EIO, -1;
     if (code != kTrace) trace("ENTRY vpath_ioctl 0x%04x\n", code);
     int rc;
     switch (code) {
@@ -583,6 +606,7 @@ int Sim::trace_request(void* user) {
 
 bool Sim::fail_path(int device, int path) {
     SimLock guard(*this);
+    if (!guard.held()) return false;
     if (device < 0 || device >= state_->topology.device_count || path < 0 ||
         path >= state_->topology.devices[device].path_count)
         return false;
@@ -593,6 +617,7 @@ bool Sim::fail_path(int device, int path) {
 
 bool Sim::fail_adapter(int adapter) {
     SimLock guard(*this);
+    if (!guard.held()) return false;
     if (adapter < 0 || adapter >= state_->topology.adapter_count) return false;
     state_->adapters[adapter].failed = 1;
     trace("adapter %d failed\n", adapter);
@@ -601,6 +626,7 @@ bool Sim::fail_adapter(int adapter) {
 
 void Sim::restore() {
     SimLock guard(*this);
+    if (!guard.held()) return;
     for (auto& device : state_->devices)
         for (auto& path : device.paths) path.failed = 0;
     for (auto& adapter : state_->adapters) adapter.failed = 0;
@@ -611,6 +637,7 @@ void Sim::restore() {
 
 bool Sim::inject_eio(int device, uint64_t sector) {
     SimLock guard(*this);
+    if (!guard.held()) return false;
     if (device < 0 || device >= state_->topology.device_count ||
         sector >= state_->topology.devices[device].size / kSectorSize || state_->injected_count == kMaxInjected)
         return false;
@@ -620,6 +647,7 @@ bool Sim::inject_eio(int device, uint64_t sector) {
 
 void Sim::show(FILE* out) {
     SimLock guard(*this);
+    if (!guard.held()) return;
     const Topology& topology = state_->topology;
     std::fprintf(out, "state %s  trace flags 0x%04x  trace entries %u\n", dir_.c_str(), state_->trace.flags,
                  state_->trace.entries);

@@ -161,8 +161,14 @@ public:
     void show(FILE* out);
 
     SharedState* state() { return state_; }
-    void lock();
+    // Takes the driver lock; false, lock not held, when the state file no
+    // longer covers the mapped state (cut short under the running program,
+    // where touching the mapping would raise SIGBUS). Requests then fail
+    // with EIO; the first such failure is told on standard error.
+    bool lock();
     void unlock();
+    // Whether the last lock() found the state file cut short.
+    bool lost() const { return lost_; }
 
 private:
     int begin_transfer(int device, bool write, uint64_t position, size_t length, int* path);
@@ -192,22 +198,28 @@ private:
     std::string dir_;
     int fd_ = -1;
     SharedState* state_ = nullptr;
+    bool lost_ = false;
 };
 
 class SimLock {
 public:
-    explicit SimLock(Sim& sim) : sim_(sim) { sim_.lock(); }
-    ~SimLock() { sim_.unlock(); }
+    explicit SimLock(Sim& sim) : sim_(sim), held_(sim.lock()) {}
+    ~SimLock() {
+        if (held_) sim_.unlock();
+    }
+    bool held() const { return held_; }
     SimLock(const SimLock&) = delete;
     SimLock& operator=(const SimLock&) = delete;
 
 private:
     Sim& sim_;
+    bool held_;
 };
 
 template <typename Io>
 ssize_t Sim::transfer(int device, bool write, uint64_t position, size_t length, Io io) {
     SimLock guard(*this);
+    if (!guard.held()) return errno = EIO, -1;
     int path = -1;
     int error = begin_transfer(device, write, position, length, &path);
     if (error != 0) {

@@ -4,6 +4,7 @@
 // from the program (which inherit LD_PRELOAD) are unaffected.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -28,6 +29,11 @@ using ReadFn = ssize_t (*)(int, void*, size_t);
 using WriteFn = ssize_t (*)(int, const void*, size_t);
 using SeekFn = off_t (*)(int, off_t, int);
 using IoctlFn = int (*)(int, unsigned long, ...);
+using DupFn = int (*)(int);
+using Dup2Fn = int (*)(int, int);
+using Dup3Fn = int (*)(int, int, int);
+using FcntlFn = int (*)(int, int, ...);
+using CloseRangeFn = int (*)(unsigned, unsigned, int);
 
 template <typename Fn>
 Fn next(const char* name) {
@@ -95,6 +101,20 @@ bool misaligned_direct(int fd, uint64_t position, size_t length, const void* buf
     return is_direct(fd) && ((position | length | reinterpret_cast<uintptr_t>(buffer)) & mask) != 0;
 }
 
+// A descriptor number that now holds some other file is never ours, however
+// its last holder went away (closes inside the C library pass us by).
+int forgotten(int fd) {
+    if (fd >= 0) set_device(fd, -1);
+    return fd;
+}
+
+// A copy of a descriptor is ours exactly when the original is; the number it
+// lands on loses whatever it held before.
+int copied(int from, int to) {
+    if (to >= 0 && to != from) set_device(to, device_of(from));
+    return to;
+}
+
 // The vpath behaves as a block device node: kernel-style refusals of flags a
 // device cannot honour, then the backing image stands in for the disk.
 int open_device(int device, int flags) {
@@ -121,11 +141,12 @@ int open_common(const char* path, int flags, mode_t mode) {
         bool node = false;
         int device = sim->device_for_path(path, &node);
         if (device >= 0) return open_device(device, flags);
+        if (sim->lost()) return errno = EIO, -1;
         // A node left over for a device the driver does not have.
         if (node) return errno = ENXIO, -1;
     }
     REAL(OpenFn, open);
-    return real_open(path, flags, mode);
+    return forgotten(real_open(path, flags, mode));
 }
 
 int openat_common(int dirfd, const char* path, int flags, mode_t mode) {
@@ -133,11 +154,12 @@ int openat_common(int dirfd, const char* path, int flags, mode_t mode) {
         bool node = false;
         int device = sim->device_for_path(path, &node);
         if (device >= 0) return open_device(device, flags);
+        if (sim->lost()) return errno = EIO, -1;
         // A node left over for a device the driver does not have.
         if (node) return errno = ENXIO, -1;
     }
     REAL(OpenAtFn, openat);
-    return real_openat(dirfd, path, flags, mode);
+    return forgotten(real_openat(dirfd, path, flags, mode));
 }
 
 mode_t mode_arg(int flags, va_list args) {
@@ -158,6 +180,7 @@ ssize_t device_read(int fd, int device, void* buffer, size_t count) {
     off_t position = real_lseek(fd, 0, SEEK_CUR);
     if (position < 0) return -1;
     uint64_t size = sim->device_size(device);
+    if (sim->lost()) return errno = EIO, -1;
     size_t n = static_cast<uint64_t>(position) >= size ? 0 : std::min<uint64_t>(count, size - position);
     n = std::min<size_t>(n, 0x7ffff000);
     if (n == 0) return real_read(fd, buffer, 0);
@@ -175,6 +198,7 @@ ssize_t device_write(int fd, int device, const void* buffer, size_t count) {
     if (position < 0) return -1;
     if (count == 0) return real_write(fd, buffer, 0);
     uint64_t size = sim->device_size(device);
+    if (sim->lost()) return errno = EIO, -1;
     if (static_cast<uint64_t>(position) >= size) return errno = ENOSPC, -1;
     size_t n = std::min<uint64_t>({count, size - position, 0x7ffff000});
     if (misaligned_direct(fd, static_cast<uint64_t>(position), n, buffer)) return errno = EINVAL, -1;
@@ -250,6 +274,7 @@ EXPORT off_t lseek(int fd, off_t offset, int whence) noexcept {
     if (device < 0) return real_lseek(fd, offset, whence);
     // A block device's size bounds every position.
     auto size = static_cast<off_t>(sim->device_size(device));
+    if (sim->lost()) return errno = EIO, -1;
     off_t base = 0;
     switch (whence) {
         case SEEK_SET: break;
@@ -278,4 +303,59 @@ EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     }
     REAL(IoctlFn, ioctl);
     return real_ioctl(fd, request, argument);
+}
+
+EXPORT int dup(int fd) noexcept {
+    REAL(DupFn, dup);
+    return copied(fd, real_dup(fd));
+}
+
+EXPORT int dup2(int fd, int to) noexcept {
+    REAL(Dup2Fn, dup2);
+    return copied(fd, real_dup2(fd, to));
+}
+
+EXPORT int dup3(int fd, int to, int flags) noexcept {
+    REAL(Dup3Fn, dup3);
+    return copied(fd, real_dup3(fd, to, flags));
+}
+
+namespace {
+
+// Every fcntl argument travels as one machine word, as the C library's own
+// wrapper passes it on.
+int fcntl_common(FcntlFn real, int fd, int command, void* argument) {
+    if (real == nullptr) return errno = ENOSYS, -1;
+    int rc = real(fd, command, argument);
+    if (command == F_DUPFD || command == F_DUPFD_CLOEXEC) copied(fd, rc);
+    return rc;
+}
+
+}  // namespace
+
+EXPORT int fcntl(int fd, int command, ...) {
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    static FcntlFn real_fcntl = next<FcntlFn>("fcntl");
+    return fcntl_common(real_fcntl, fd, command, argument);
+}
+
+EXPORT int fcntl64(int fd, int command, ...) {
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    static FcntlFn real_fcntl64 = next<FcntlFn>("fcntl64");
+    return fcntl_common(real_fcntl64, fd, command, argument);
+}
+
+EXPORT int close_range(unsigned first, unsigned last, int flags) noexcept {
+    REAL(CloseRangeFn, close_range);
+    int rc = real_close_range(first, last, flags);
+    if (rc == 0 && (flags & CLOSE_RANGE_CLOEXEC) == 0) {
+        for (unsigned fd = first; fd <= last && fd < static_cast<unsigned>(kMaxFd); ++fd) set_device(static_cast<int>(fd), -1);
+    }
+    return rc;
 }

@@ -1,6 +1,7 @@
 // Control program of the simulated driver: state set-up, fault injection,
 // and running a program with the driver interposed.
 #include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -122,6 +123,19 @@ std::string env_config() {
     return env != nullptr ? env : "";
 }
 
+// The program run under the driver; 0 outside run and in the child.
+volatile sig_atomic_t running_child = 0;
+volatile sig_atomic_t forwarded_signal = 0;
+
+// Passed on, so the program ends its own way and run still removes the
+// temporary state after it; nothing is left running or lying about.
+void forward_signal(int number) {
+    forwarded_signal = number;
+    if (running_child > 0) kill(running_child, number);
+}
+
+constexpr int kForwardedSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
 int run(std::string dir, bool dir_given, int argc, char** argv) {
     std::string config = env_config();
     bool fresh = false, keep = false;
@@ -168,15 +182,33 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
     const char* old_path = getenv("PATH");
     if (old_path != nullptr && *old_path != '\0') path += ":" + std::string(old_path);
     setenv("PATH", path.c_str(), 1);
+    // Blocked across fork, so that no signal reaches a handler before the
+    // child's number is known; the child takes back the old mask to exec.
+    sigset_t forwarded, previous;
+    sigemptyset(&forwarded);
+    for (int number : kForwardedSignals) sigaddset(&forwarded, number);
+    sigprocmask(SIG_BLOCK, &forwarded, &previous);
+    for (int number : kForwardedSignals) {
+        struct sigaction action = {}, old_action = {};
+        sigaction(number, nullptr, &old_action);
+        if (old_action.sa_handler == SIG_IGN) continue;  // as under nohup: the child ignores it too
+        action.sa_handler = forward_signal;
+        sigemptyset(&action.sa_mask);
+        sigaction(number, &action, nullptr);
+    }
     pid_t child = fork();
     if (child < 0) return std::perror("vpathsim: fork"), 1;
     if (child == 0) {
+        sigprocmask(SIG_SETMASK, &previous, nullptr);
         execvp(program[0], program);
         std::fprintf(stderr, "vpathsim: %s: %s\n", program[0], std::strerror(errno));
         _exit(127);
     }
+    running_child = child;
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    running_child = 0;
     if (!dir_given) {
         if (keep) {
             std::fprintf(stderr, "vpathsim: state kept in %s\n", dir.c_str());
@@ -185,6 +217,7 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
             std::filesystem::remove_all(dir, ignored);
         }
     }
+    if (forwarded_signal != 0) return 128 + forwarded_signal;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
+#include <functional>
 #include <filesystem>
 #include <string>
 
@@ -130,6 +132,47 @@ TEST_F(State, HostileFaultTableIsRebuilt) {
     Sim sim;
     EXPECT_EQ(attach(sim).state()->faults.scheduled_count, 0);
     EXPECT_EQ(sim.state()->devices[0].paths[1].failed, 0);
+}
+
+// Counts later used as bounds: each hostile value makes the loaded state
+// start over (the offline path comes back) instead of being trusted.
+TEST_F(State, CountsUsedAsBoundsAreCheckedOnLoad) {
+    const std::function<void(SharedState&)> corruptions[] = {
+        [](SharedState& s) { s.trace.used = kTraceTableSize + 1; },
+        [](SharedState& s) { s.trace.used = 2, s.trace.entries = 1; },  // std::clamp(oldest, 3, 2)
+        [](SharedState& s) { s.trace.used = 30, s.trace.last_offset = 31; },
+        [](SharedState& s) { s.devices[1].last_path = INT32_MAX; },
+        [](SharedState& s) { s.devices[0].last_path = -1; },
+    };
+    Sim sim;
+    attach(sim);
+    for (const auto& corrupt : corruptions) {
+        SetPathRecord offline{-1, 0, 0, 2};
+        ASSERT_EQ(sim.request(kSetPath, &offline), 0);
+        corrupt(*sim.state());
+        Sim other;
+        EXPECT_EQ(attach(other).state()->devices[0].paths[0].offline, 0);
+        EXPECT_EQ(other.state()->trace.used, 0u);
+    }
+}
+
+// A state file cut short under a running program: requests fail with EIO
+// instead of the mapping raising SIGBUS, and work again once it is whole.
+TEST_F(State, CutShortFailsRequestsWithEio) {
+    Sim sim;
+    attach(sim);
+    ASSERT_EQ(truncate((dir_ + "/state").c_str(), 100), 0);
+    DeviceCountRecord count{};
+    errno = 0;
+    EXPECT_EQ(sim.request(kGetNumberDevices, &count), -1);
+    EXPECT_EQ(errno, EIO);
+    errno = 0;
+    EXPECT_EQ(sim.transfer(0, true, 0, 512, [] { return ssize_t{512}; }), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(sim.lost());
+    ASSERT_EQ(truncate((dir_ + "/state").c_str(), sizeof(SharedState)), 0);
+    EXPECT_EQ(sim.request(kGetNumberDevices, &count), 0);
+    EXPECT_FALSE(sim.lost());
 }
 
 }  // namespace

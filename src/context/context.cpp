@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <initializer_list>
+#include <limits>
 
 #include <unistd.h>
 
@@ -12,6 +14,49 @@ int64_t sector_size = 512;
 int64_t block_count = 1;
 int64_t block_seek = 0;
 int64_t block_max = 1000;
+
+volatile sig_atomic_t stop_signal = 0;
+
+namespace {
+
+void note_stop_signal(int number) { stop_signal = number; }
+
+// Left in place of SIG_IGN so that commands run by a system statement
+// still start with SIGPIPE at its default: ignoring is inherited, a
+// handler is not. A write to a closed pipe then fails with EPIPE.
+void note_broken_pipe(int) {}
+
+void handle(int number, void (*handler)(int)) {
+    struct sigaction action = {};
+    struct sigaction previous = {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: a prompt or a delay waiting when the signal comes
+    // returns at once instead of holding the run.
+    action.sa_flags = 0;
+    if (sigaction(number, nullptr, &previous) != 0 || previous.sa_handler == SIG_IGN) return;
+    sigaction(number, &action, nullptr);
+}
+
+}  // namespace
+
+void catch_stop_signals() {
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) handle(number, note_stop_signal);
+    handle(SIGPIPE, note_broken_pipe);
+}
+
+bool checked_product(int64_t a, int64_t b, int64_t& product) {
+    int64_t result = 0;
+    if (__builtin_mul_overflow(a, b, &result)) return false;
+    product = result;
+    return true;
+}
+
+int64_t saturated_product(int64_t a, int64_t b) {
+    int64_t result = 0;
+    if (checked_product(a, b, result)) return result;
+    return (a < 0) != (b < 0) ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+}
 
 void report_syntax_error() {
     printf("batch file syntax error, line %d \n", test_context.line_number);

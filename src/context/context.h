@@ -2,6 +2,7 @@
 // variables, and the few helpers every subsystem prints through.
 #pragma once
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -67,6 +68,26 @@ bool stderr_is_terminal();
 
 // A "TTRACE" style line: written and flushed only while tracing (-t) is on.
 void ttrace(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The signal (SIGINT, SIGTERM or SIGHUP) that asked the run to stop, 0
+// while none has. Its handler does nothing else: the batch runner looks
+// between lines, the menus between prompts and the data commands between
+// records, and the run then ends through its normal path, transcript
+// summary included, with exit status 128 + the signal.
+extern volatile sig_atomic_t stop_signal;
+inline bool stop_requested() { return stop_signal != 0; }
+
+// Installs the stop handler for SIGINT, SIGTERM and SIGHUP (one ignored at
+// start, as under nohup, stays ignored) and keeps SIGPIPE from ending the
+// run: a closed standard output must never cost the transcript.
+void catch_stop_signals();
+
+// Products of counts, sizes and offsets a script may set to anything.
+// checked_product: false, product untouched, when a x b does not fit in
+// 64 bits. saturated_product: a x b, or the 64-bit bound on its side when
+// it does not fit, so a size too large stays too large.
+bool checked_product(int64_t a, int64_t b, int64_t& product);
+int64_t saturated_product(int64_t a, int64_t b);
 
 // Puts every start value of the context and the test variables in place
 // (start-up steps 2 and 4 to 6; the seeding of rand is main's).

@@ -1,9 +1,14 @@
 // Start-up: context, command line, usage text, trace facility, then the
 // batch runner or the manual test menu.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "context/context.h"
+#include "context/output.h"
 #include "menu/menu.h"
 #include "script/script.h"
 #include "trace/trace.h"
@@ -69,14 +74,43 @@ bool read_command_line(int argc, char** argv) {
     }
 }
 
+// Writing the transcript over the script it runs would destroy the script
+// (and read the banner back as line 1), whatever names lead to the file.
+bool output_is_input() {
+    const TestContext& c = test_context;
+    struct stat input = {};
+    struct stat output = {};
+    // A missing file is no clash, and its ENOENT must not be left for the
+    // first statement to report as the system's last error.
+    const int saved = errno;
+    const bool both = stat(c.batch_input_file, &input) == 0 && stat(c.batch_output_file, &output) == 0;
+    errno = saved;
+    if (!both) return false;
+    if (input.st_dev != output.st_dev || input.st_ino != output.st_ino) return false;
+    fprintf(stderr, "Error, batch output file '%s' is the batch input file '%s' \n", c.batch_output_file,
+            c.batch_input_file);
+    return true;
+}
+
+// A standard stream closed at start would hand its number to the first
+// file opened, and what the tool prints there would land in that file.
+void keep_standard_streams_open() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY) == -1) return;
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    keep_standard_streams_open();
+    catch_stop_signals();
     setvbuf(stdout, nullptr, _IONBF, 0);
     reset_test_context();
     srand(static_cast<unsigned>(time(nullptr)));
 
     if (argc > 1 && !read_command_line(argc, argv)) return kResultSyntaxError;
+    if (test_context.input_file_given == 1 && output_is_input()) return kResultSyntaxError;
 
     print_usage();
     trace_init();
@@ -85,6 +119,9 @@ int main(int argc, char** argv) {
     } else {
         manual_test_menu();
     }
+    trace_close_output();
     ttrace(stdout, "TTRACE: main exit.\n");
+    if (output_lost()) return kExitOutputLost;
+    if (stop_signal != 0) return 128 + stop_signal;
     return test_context.result_code;
 }

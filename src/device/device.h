@@ -56,8 +56,8 @@ void settings();
 // ---- data commands (device already checked open by the executor) ----
 extern int64_t last_sector;
 
-// Record size of the data commands: block_count x sector_size, wrapping
-// rather than overflowing for absurd blocking factors.
+// Record size of the data commands: block_count x sector_size, held at the
+// 64-bit bound on its side when it does not fit (see saturated_product).
 int64_t record_size();
 
 // Bytes 4..255 of a record: the pattern for that sector. One value is drawn

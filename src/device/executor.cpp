@@ -198,17 +198,15 @@ bool device_state_fits(Needs needs) {
 
 }  // namespace
 
-int64_t record_size() {
-    return static_cast<int64_t>(static_cast<uint64_t>(block_count) * static_cast<uint64_t>(sector_size));
-}
+int64_t record_size() { return saturated_product(block_count, sector_size); }
 
 int execute_command(const char* line, FILE* stream, const TokenList& tokens, int32_t name_index,
                     int32_t count, CommandOutcome& outcome) {
     ttrace(stream, "TTRACE: execute_command entered (%s).\n", line);
 
     int64_t size = record_size();
-    // A blocking factor so large that the size wrapped negative is just as
-    // far beyond the buffer, and is reported the same way.
+    // A size beyond 64 bits is reported at the bound on its side: over the
+    // limit, or negative and just as far outside the buffer.
     if (size < 0 || size > static_cast<int64_t>(kIoBufferSize)) {
         fprintf(stream, "Data transfer size of %ld exceeds maximum supported %d \n", static_cast<long>(size),
                 static_cast<int>(kIoBufferSize));

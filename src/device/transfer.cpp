@@ -52,10 +52,16 @@ void report_failure(FILE* stream, const char* failing, int64_t size, int64_t sec
             static_cast<long>(sector), data);
 }
 
-// Sector arithmetic on values a script may set to anything: wrap instead of
-// overflowing; a wrapped, negative offset simply fails to seek.
-int64_t wrapping_product(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
+// The byte offset of a sector, for values a script may set to anything: an
+// offset beyond 64 bits fails as a seek would, never wrapping onto some
+// other sector.
+int64_t seek_to_sector(FILE* stream, int64_t sector) {
+    int64_t offset = 0;
+    if (!checked_product(sector, sector_size, offset)) {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    return ps_lseek(stream, test_context.device_handle, offset);
 }
 void advance_block_seek() { block_seek = static_cast<int64_t>(static_cast<uint64_t>(block_seek) + 1); }
 
@@ -84,7 +90,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
     if (clause.count == 4) records = count_argument(stream, "read", clause, "records");
     if (!record_fits(size)) return;
 
-    if (ps_lseek(stream, test_context.device_handle, wrapping_product(sector_size, block_seek)) == -1) {
+    if (seek_to_sector(stream, block_seek) == -1) {
         fprintf(stream, ".Error seeking to block %ld \n", static_cast<long>(block_seek));
         return;
     }
@@ -95,6 +101,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
     int call_errno = errno;
     TransferProgress progress(stream, verify ? "read_verify" : "read", records);
     for (int64_t r = 0; r < records && go_on; ++r) {
+        if (stop_requested()) break;
         last_sector = block_seek;
         int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
                             static_cast<uint32_t>(size));
@@ -160,7 +167,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     }
     if (!record_fits(size)) return;
 
-    if (ps_lseek(stream, test_context.device_handle, wrapping_product(sector_size, block_seek)) == -1) {
+    if (seek_to_sector(stream, block_seek) == -1) {
         fprintf(stream, "..Error seeking to sector %ld \n", static_cast<long>(block_seek));
         return;
     }
@@ -168,6 +175,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     int call_errno = 0;
     TransferProgress progress(stream, "write", records);
     for (int64_t r = 0; r < records; ++r) {
+        if (stop_requested()) break;
         set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
         fill_record_pattern(io_buffer(), block_seek);
         last_sector = block_seek;
@@ -200,14 +208,15 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
     TransferProgress progress(stream, "random_read", records);
     for (int64_t r = 0; r < records; ++r) {
+        if (stop_requested()) break;
         int64_t sector = random_sector();
         int64_t sectors = rand() % 10 + 1;
-        if (sector + sectors >= block_max) sectors = 1;
-        int64_t size = std::min(wrapping_product(sectors, sector_size), kBufferBytes);
+        // sector + sectors is never formed: it could pass INT64_MAX.
+        if (sector >= block_max || block_max - sector <= sectors) sectors = 1;
+        int64_t size = std::min(saturated_product(sectors, sector_size), kBufferBytes);
         if (!record_fits(size)) return;
 
-        int64_t offset = wrapping_product(sector, sector_size);
-        if (ps_lseek(stream, test_context.device_handle, offset) == -1) {
+        if (seek_to_sector(stream, sector) == -1) {
             call_errno = errno;
             last_sector = sector;
             fprintf(stream, "...Error seeking to sector %ld \n", static_cast<long>(sector));
@@ -241,12 +250,13 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
     TransferProgress progress(stream, "random_write", records);
     for (int64_t r = 0; r < records; ++r) {
+        if (stop_requested()) break;
         int64_t sector = random_sector();
         int64_t size = std::min(sector_size, kBufferBytes);
         if (!record_fits(size)) return;
         fill_record_pattern(io_buffer(), sector);
 
-        if (ps_lseek(stream, test_context.device_handle, wrapping_product(sector, sector_size)) == -1) {
+        if (seek_to_sector(stream, sector) == -1) {
             call_errno = errno;
             fprintf(stream, "....Error seeking to sector %ld \n", static_cast<long>(sector));
             outcome.return_code = -1;

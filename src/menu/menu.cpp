@@ -79,9 +79,10 @@ void write_menu() {
     write_lines(kMenuTail);
 }
 
+// A stop signal answers no prompt: the menu then ends as at end of input.
 bool ask(const char* prompt) {
     printf("%s", prompt);
-    return read_answer(stdin);
+    return read_answer(stdin) && !stop_requested();
 }
 
 long answer_number() { return std::strtol(test_context.input_line, nullptr, 10); }
@@ -89,13 +90,9 @@ long answer_number() { return std::strtol(test_context.input_line, nullptr, 10);
 // Narrowing to 32 bits keeps the low bits, as a C int conversion does.
 int32_t low_32_bits(long value) { return static_cast<int32_t>(value); }
 
-// Record sizes and byte counts are 64-bit products of values the user
-// chose; they wrap rather than overflow, however absurd the values.
-int64_t wrapping_product(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
-}
-
-int64_t record_size() { return wrapping_product(sector_size, block_count); }
+// A record size too large for 64 bits stays too large, as the executor
+// reports it.
+int64_t record_size() { return saturated_product(sector_size, block_count); }
 
 bool ask_long(const char* prompt, long& value) {
     if (!ask(prompt)) return false;
@@ -192,13 +189,18 @@ Flow timed_transfer(const char* command) {
     snprintf(prompt, sizeof prompt, "Number of %ld byte records to transfer: ", static_cast<long>(record_size()));
     int32_t records = 0;
     if (!ask_int(prompt, records)) return Flow::leave;
-    int64_t expected = wrapping_product(block_count, sector_size);
+    int64_t expected = record_size();
     time_t before = time(nullptr);
     send("command %s records = %d result rc == %ld", command, records, static_cast<long>(expected));
     double seconds = difftime(time(nullptr), before);
     double divisor = seconds == 0.0 ? 1.0 : seconds;
-    int64_t bytes = wrapping_product(wrapping_product(records, block_count), sector_size);
-    printf("Data rate = %8.2f bytes/sec \n", static_cast<double>(bytes) / divisor);
+    // Beyond 64 bits the byte count is figured in floating point, never wrapped.
+    int64_t bytes = 0;
+    double moved = checked_product(records, block_count, bytes) && checked_product(bytes, sector_size, bytes)
+                       ? static_cast<double>(bytes)
+                       : static_cast<double>(records) * static_cast<double>(block_count) *
+                             static_cast<double>(sector_size);
+    printf("Data rate = %8.2f bytes/sec \n", moved / divisor);
     return Flow::next_pass;
 }
 
@@ -400,7 +402,7 @@ void manual_test_menu() {
     for (;;) {
         settings();
         write_menu();
-        if (!ask("enter selection: ")) break;
+        if (stop_requested() || !ask("enter selection: ")) break;
         int32_t selection = low_32_bits(answer_number());
         time_t start = time(nullptr);
         if (selection == 99) break;

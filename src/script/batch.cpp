@@ -1,10 +1,12 @@
 // Batch runner: feeds a batch input file line by line to the dispatcher and
 // writes the transcript testers diff.
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 
 #include "context/context.h"
+#include "context/output.h"
 #include "script/script.h"
 
 namespace {
@@ -33,12 +35,23 @@ void copy_ctime(char (&target)[kCtimeTextSize], time_t when) {
     std::strncpy(target, ctime_text(when), sizeof target - 1);
 }
 
-void read_line(FILE* input, BatchLine& line) {
+// False, nothing read, once the line counter is at its bound.
+bool read_line(FILE* input, BatchLine& line) {
+    if (!count_batch_line()) return false;
     std::memset(line.text, 0, sizeof line.text);
     if (fgets(line.text, kLinePieceRead, input) == nullptr) line.text[0] = '\0';
     newline_to_blank(line.text, kLinePieceRead);
-    ++test_context.line_number;
     copy_ctime(line.read_time, time(nullptr));
+    return true;
+}
+
+const char* signal_name(int number) {
+    switch (number) {
+        case SIGINT: return "SIGINT";
+        case SIGTERM: return "SIGTERM";
+        case SIGHUP: return "SIGHUP";
+        default: return "?";
+    }
 }
 
 void write_banner(FILE* output) {
@@ -88,6 +101,13 @@ void show_reason(const BatchLine& line) {
 
 }  // namespace
 
+bool count_batch_line() {
+    // Endless input (say /dev/zero) must not run the counter past int32.
+    if (test_context.line_number == INT32_MAX) return false;
+    ++test_context.line_number;
+    return true;
+}
+
 void newline_to_blank(char* buffer, std::size_t length) {
     for (std::size_t i = 0; i < length && buffer[i] != '\0'; ++i) {
         if (buffer[i] == '\n') buffer[i] = ' ';
@@ -104,7 +124,7 @@ void batch_test_menu() {
         fprintf(stderr, "Error opening file '%s' \n", c.batch_input_file);
         return;
     }
-    FILE* output = fopen(c.batch_output_file, "w+");
+    FILE* output = open_output(c.batch_output_file, "w+");
     if (output == nullptr) {
         fprintf(stderr, "Error opening file '%s' \n", c.batch_output_file);
         fclose(input);
@@ -115,8 +135,16 @@ void batch_test_menu() {
     write_banner(output);
 
     BatchLine line;
-    read_line(input, line);
+    bool line_read = read_line(input, line);
     for (;;) {
+        if (!line_read) {
+            fprintf(output, "batch input longer than %d lines \n", INT32_MAX);
+            report_syntax_error();
+            break;
+        }
+        // A line read as the signal came (or after the transcript was
+        // lost) is neither echoed nor executed.
+        if (stop_requested() || output_lost()) break;
         fprintf(output, "%.8s Line %5d >>> %s \n", line.read_time + 11, c.line_number, line.text);
         // A read error (say the input names a directory) ends the input as
         // surely as its end does; otherwise the loop would never finish.
@@ -129,11 +157,17 @@ void batch_test_menu() {
         } else {
             process(line.text, output);
         }
-        if (c.result_code != 0) break;
-        read_line(input, line);
+        if (c.result_code != 0 || stop_requested()) break;
+        line_read = read_line(input, line);
     }
 
     write_summary(output);
+    const int stopped_by = stop_signal;
+    if (stopped_by != 0) {
+        fprintf(output, "Batch test stopped by signal %d (%s) \n", stopped_by, signal_name(stopped_by));
+        printf("Test \"%s\" was stopped by signal %d (%s).\n", c.batch_input_file, stopped_by,
+               signal_name(stopped_by));
+    }
     if (c.result_code != 0) {
         if (c.failed_line > 0) {
             printf("Test \"%s\" has failed at line %d.\n", c.batch_input_file, c.failed_line);
@@ -142,8 +176,7 @@ void batch_test_menu() {
         }
         if (stderr_is_terminal()) show_reason(line);
     }
-    fflush(output);
     fclose(input);
-    fclose(output);
+    close_output(output);
     ttrace(stdout, "TTRACE: batch_test_menu exit.\n");
 }

@@ -34,9 +34,10 @@ int32_t decimal_value(const char* text, int32_t length) {
 void execute_delay(FILE* stream, int32_t seconds) {
     ttrace(stream, "TTRACE: execute_delay entered. \n");
     // A negative delay waits not at all; a signal cutting the sleep short
-    // must not shorten the wait the script asked for.
+    // must not shorten the wait the script asked for, unless it asks the
+    // run to stop.
     unsigned remaining = seconds > 0 ? static_cast<unsigned>(seconds) : 0u;
-    while (remaining > 0) remaining = sleep(remaining);
+    while (remaining > 0 && !stop_requested()) remaining = sleep(remaining);
     ttrace(stream, "TTRACE: execute_delay exited. \n");
 }
 

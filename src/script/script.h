@@ -55,6 +55,9 @@ int32_t decimal_value(const char* text, int32_t length);
 void execute_delay(FILE* stream, int32_t seconds);
 
 void batch_test_menu();
+// Counts one more batch line in line_number; false, the count unchanged,
+// once it has reached INT32_MAX.
+bool count_batch_line();
 void newline_to_blank(char* buffer, std::size_t length);
 
 int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t first, int32_t count,

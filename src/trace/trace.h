@@ -102,6 +102,11 @@ extern TraceState trace_state;
 // when it cannot.
 void trace_init();
 
+// Flushes and closes the trace output when it is a file opened here (a
+// failed write is told and ends the run with kExitOutputLost); leaves no
+// output chosen.
+void trace_close_output();
+
 // Runs the trace operations menu on standard input and output until
 // selection 99 (or end of input); returns 99.
 int trace_menu(FILE* stream);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "context/context.h"
+#include "context/output.h"
 #include "trace/trace.h"
 
 namespace {
@@ -39,7 +40,8 @@ struct Menu {
             if (c == '\n') break;
         }
         line[length] = '\0';
-        return length > 0 || c != EOF;
+        // A stop signal answers no prompt either.
+        return (length > 0 || c != EOF) && !stop_requested();
     }
     Next read_or_leave() { return read_line() ? Next::stay : Next::leave; }
     bool line_empty() const { return line[0] == '\n' || line[0] == '\0'; }
@@ -114,7 +116,16 @@ Next set_local_flags(Menu& m) {
 Next set_bytes_requested(Menu& m) {
     fprintf(m.out, "enter bytes requested or return to continue: ");
     if (!m.read_line()) return Next::leave;
-    if (!m.line_empty()) trace_state.record.bytes_requested = static_cast<uint32_t>(m.answer_number());
+    if (m.line_empty()) return Next::stay;
+    TraceState& s = trace_state;
+    uint32_t bytes = static_cast<uint32_t>(m.answer_number());
+    // The driver writes as much as it is asked for into the raw buffer, so
+    // no request may name more than the buffer holds.
+    if (bytes > s.raw_size) {
+        bytes = static_cast<uint32_t>(s.raw_size);
+        fprintf(m.out, "bytes requested capped at %u, the size of the report buffer\n", bytes);
+    }
+    s.record.bytes_requested = bytes;
     return Next::stay;
 }
 
@@ -160,9 +171,7 @@ Next set_trace_output(Menu& m) {
         fprintf(m.out, "enter trace output file name or return for default: ");
         if (!m.read_line()) return Next::leave;
     }
-    if (s.output_owned && s.output_stream != nullptr) fclose(s.output_stream);
-    s.output_stream = nullptr;
-    s.output_owned = false;
+    trace_close_output();
     switch (choice) {
         case 1: s.output_stream = stdout; break;
         case 2: s.output_stream = stderr; break;
@@ -174,7 +183,7 @@ Next set_trace_output(Menu& m) {
             const char* name = m.line_empty() ? "trace.out" : m.line;
             snprintf(s.output_file_name, sizeof s.output_file_name, "%s", name);
             s.output_file_name[strcspn(s.output_file_name, "\n")] = '\0';
-            s.output_stream = fopen(s.output_file_name, "w+");
+            s.output_stream = open_output(s.output_file_name, "w+");
             s.output_owned = s.output_stream != nullptr;
             if (s.output_stream == nullptr) {
                 fprintf(stderr, "plimsor error opening file >%s<\n", s.output_file_name);

@@ -5,6 +5,7 @@
 #include <new>
 #include <string_view>
 
+#include "context/output.h"
 #include "trace/trace.h"
 
 namespace {
@@ -35,13 +36,13 @@ std::unique_ptr<uint8_t[]> obtain_buffer(std::size_t size) {
 
 void trace_init() {
     TraceState& s = trace_state;
-    if (s.output_owned && s.output_stream != nullptr) fclose(s.output_stream);
+    trace_close_output();
     s.record = TraceArgumentRecord{};
     s.record_initialised = 0;
     s.cooked_bytes = 0;
     std::strcpy(s.output_file_name, "trace.out");
     s.batch_stream = nullptr;
-    s.output_stream = fopen(s.output_file_name, "a+");
+    s.output_stream = open_output(s.output_file_name, "a+");
     s.output_owned = s.output_stream != nullptr;
     if (s.output_stream == nullptr) {
         fprintf(stderr, "trace_init error opening file >%s<\n", s.output_file_name);
@@ -60,6 +61,13 @@ void trace_init() {
         printf("plimsor fail to malloc %lu bytes for cook buffer exiting\n", static_cast<unsigned long>(kTraceCookedSize));
         exit(1);
     }
+}
+
+void trace_close_output() {
+    TraceState& s = trace_state;
+    if (s.output_owned && s.output_stream != nullptr) close_output(s.output_stream);
+    s.output_stream = nullptr;
+    s.output_owned = false;
 }
 
 void dd_trace_format_report(const TraceArgumentRecord& record, uint64_t filter_mask,

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -10,6 +14,7 @@
 #include "device/device.h"
 #include "device_test_support.h"
 #include "fake_ioctl.h"
+#include "script/script.h"
 
 // The pattern is drawn from a private generator; it must stay byte for byte
 // what srand(sector) and rand() give, or records of older runs stop verifying.
@@ -110,4 +115,85 @@ TEST(DeviceCapacity, FromTheBlockSizeRequests) {
         EXPECT_EQ(sector_size, c.sector_size);
     }
     test_context.device_handle = -1;
+}
+
+namespace {
+
+// A scratch file opened as the device, with the variables at their start
+// values, for what a transcript cannot show: when a signal lands, and
+// random sectors too far out to reproduce.
+struct ScratchDevice {
+    char path[32] = "/tmp/tarnwick-data-XXXXXX";
+    ScratchDevice() {
+        test_context.device_handle = mkstemp(path);
+        sector_size = 512;
+        block_count = 1;
+        block_seek = 0;
+        block_max = 1000;  // every random sector lies inside the file
+        EXPECT_EQ(ftruncate(test_context.device_handle, 1001 * 512), 0);
+    }
+    ~ScratchDevice() {
+        close(test_context.device_handle);
+        test_context.device_handle = -1;
+        unlink(path);
+        block_max = 0;
+    }
+    static void run(const char* clause, FILE* stream, CommandOutcome& outcome) {
+        Statement s(clause);
+        outcome = {};
+        execute_command(s.text.c_str(), stream, s.tokens, 0, s.count, outcome);
+    }
+};
+
+// Raises SIGINT as it takes the first record's report line.
+ssize_t raise_stop(void*, const char*, size_t size) {
+    raise(SIGINT);
+    return static_cast<ssize_t>(size);
+}
+
+}  // namespace
+
+TEST(StopSignal, EndsEachTransferAtItsRecordBoundary) {
+    ScratchDevice device;
+    catch_stop_signals();
+    FILE* stopping = fopencookie(nullptr, "w", {nullptr, raise_stop, nullptr, nullptr});
+    setvbuf(stopping, nullptr, _IONBF, 0);
+    for (const char* clause : {"write records = 5", "read records = 5", "read_verify records = 5",
+                               "random_write blocks = 5", "random_read blocks = 5"}) {
+        stop_signal = 0;
+        block_seek = 0;
+        const double before = test_context.bytes_transferred;
+        CommandOutcome outcome;
+        ScratchDevice::run(clause, stopping, outcome);
+        EXPECT_EQ(stop_signal, SIGINT) << clause;
+        EXPECT_GT(outcome.return_code, 0) << clause;  // random reads move 1 to 10 sectors a record
+        EXPECT_EQ(test_context.bytes_transferred - before, outcome.return_code) << clause;
+    }
+    fclose(stopping);
+    signal(SIGINT, SIG_DFL);
+    stop_signal = 0;
+}
+
+TEST(RandomSector, OffsetBeyond64BitsFailsToSeek) {
+    ScratchDevice device;
+    block_max = INT64_MAX;
+    for (const char* clause : {"random_write blocks = 1", "random_read blocks = 1"}) {
+        CapturedStream out;
+        CommandOutcome outcome;
+        srand(1);  // the first draw lands far above INT64_MAX / 512
+        ScratchDevice::run(clause, out.stream, outcome);
+        EXPECT_EQ(outcome.return_code, -1) << clause;
+        EXPECT_EQ(outcome.error_number, EOVERFLOW) << clause;
+        EXPECT_NE(out.text().find("Error seeking to sector "), std::string::npos) << clause;
+    }
+    EXPECT_EQ(lseek(test_context.device_handle, 0, SEEK_CUR), 0);  // never moved, nothing written
+}
+
+TEST(BatchLineCounter, StopsAtInt32Max) {
+    test_context.line_number = INT32_MAX - 1;
+    EXPECT_TRUE(count_batch_line());
+    EXPECT_EQ(test_context.line_number, INT32_MAX);
+    EXPECT_FALSE(count_batch_line());
+    EXPECT_EQ(test_context.line_number, INT32_MAX);
+    test_context.line_number = 0;
 }

@@ -1,0 +1,94 @@
+#include "context/output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+bool any_lost = false;
+
+struct OutputFile {
+    int descriptor;
+    int failure;  // errno of the first failed write, 0 while none failed
+    char name[256];
+};
+
+void tell_failure(OutputFile& file, int number) {
+    if (file.failure != 0) return;
+    file.failure = number;
+    any_lost = true;
+    fprintf(stderr, "tarnwick: cannot write file '%s': %s\n", file.name, strerror(number));
+}
+
+ssize_t read_output(void* cookie, char* buffer, size_t size) {
+    return read(static_cast<OutputFile*>(cookie)->descriptor, buffer, size);
+}
+
+// Once a write has failed every later one fails too: the file is cut at
+// the first loss rather than left with a hole that reads as complete.
+ssize_t write_output(void* cookie, const char* buffer, size_t size) {
+    auto* file = static_cast<OutputFile*>(cookie);
+    size_t done = 0;
+    while (file->failure == 0 && done < size) {
+        ssize_t n = write(file->descriptor, buffer + done, size - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            tell_failure(*file, n < 0 ? errno : EIO);
+        }
+    }
+    if (file->failure == 0) return static_cast<ssize_t>(size);
+    errno = file->failure;
+    return -1;
+}
+
+int seek_output(void* cookie, off64_t* position, int whence) {
+    off64_t at = lseek64(static_cast<OutputFile*>(cookie)->descriptor, *position, whence);
+    if (at == -1) return -1;
+    *position = at;
+    return 0;
+}
+
+int close_file(void* cookie) {
+    auto* file = static_cast<OutputFile*>(cookie);
+    if (close(file->descriptor) != 0) tell_failure(*file, errno);
+    int result = file->failure == 0 ? 0 : -1;
+    delete file;
+    return result;
+}
+
+int open_flags(const char* mode) {
+    if (mode[0] == 'a') return O_RDWR | O_CREAT | O_APPEND;
+    return (mode[1] == '+' ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+}
+
+}  // namespace
+
+FILE* open_output(const char* name, const char* mode) {
+    // Commands run by a system statement have no business with these files.
+    int descriptor = open(name, open_flags(mode) | O_CLOEXEC, 0666);
+    if (descriptor == -1) return nullptr;
+    auto* file = new OutputFile{descriptor, 0, {}};
+    snprintf(file->name, sizeof file->name, "%s", name);
+    FILE* stream = fopencookie(file, mode, {read_output, write_output, seek_output, close_file});
+    if (stream == nullptr) {
+        int saved = errno;
+        close(descriptor);
+        delete file;
+        errno = saved;
+    }
+    return stream;
+}
+
+bool close_output(FILE* stream) {
+    bool flushed = fflush(stream) == 0;
+    bool closed = fclose(stream) == 0;
+    return flushed && closed;
+}
+
+bool output_lost() { return any_lost; }
