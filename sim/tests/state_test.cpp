@@ -18,11 +18,7 @@
 namespace vpathsim {
 namespace {
 
-std::string repeat(const std::string& text, int times) {
-    std::string out;
-    while (times-- > 0) out += text;
-    return out;
-}
+std::string repeat(const std::string& text, int times) { return times > 0 ? text + repeat(text, times - 1) : ""; }
 
 TEST(Config, NonsenseIsRefusedWithItsLine) {
     const std::pair<std::string, const char*> cases[] = {
@@ -55,18 +51,14 @@ TEST(Config, NonsenseIsRefusedWithItsLine) {
 
 class State : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/vpathsim-test.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
     void TearDown() override { std::filesystem::remove_all(dir_); }
     Sim& attach(Sim& sim) {
         std::string error;
         EXPECT_TRUE(sim.attach(dir_, "", &error)) << error;
         return sim;
     }
-    std::string dir_;
+    char pattern_[26] = "/tmp/vpathsim-test.XXXXXX";
+    std::string dir_ = mkdtemp(pattern_);
 };
 
 TEST_F(State, ConcurrentProcessesLoseNoCounts) {
@@ -86,7 +78,7 @@ TEST_F(State, ConcurrentProcessesLoseNoCounts) {
     }
     for (pid_t child : children) {
         int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(waitpid(child, &status, 0), child);
         EXPECT_EQ(status, 0);
     }
     DeviceStatsRecord stats{};
@@ -109,10 +101,8 @@ TEST_F(State, CorruptStateIsRebuilt) {
     }
     FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
     ASSERT_NE(f, nullptr);
-    std::fseek(f, 16, SEEK_SET);
-    int32_t hostile = 1 << 30;  // device count
-    std::fwrite(&hostile, sizeof hostile, 1, f);
-    std::fclose(f);
+    const int32_t hostile = 1 << 30;  // the device count
+    std::fseek(f, 16, SEEK_SET), std::fwrite(&hostile, sizeof hostile, 1, f), std::fclose(f);
     Sim sim;
     DeviceCountRecord count{};
     ASSERT_EQ(attach(sim).request(kGetNumberDevices, &count), 0);

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 #include <vector>
 
-#include "device_test_support.h"
 #include "driver/driver.h"
-#include "fake_ioctl.h"
+#include "support.h"
 
 namespace {
 
@@ -67,7 +65,7 @@ class HostileReply : public testing::TestWithParam<Hostile> {};
 
 TEST_P(HostileReply, StaysInsideTheRecord) {
     const Hostile& c = GetParam();
-    Statement statement(c.line);
+    Statement statement(std::string("command ") + c.line);
     CapturedStream out;
     CommandOutcome outcome{};
     {

@@ -1,16 +1,13 @@
-#include "fake_ioctl.h"
-
 #include <dlfcn.h>
-#include <sys/ioctl.h>
 
 #include <cstdarg>
 
-namespace {
-FakeIoctl& handler() {
+#include "support.h"
+
+static FakeIoctl& handler() {
     static FakeIoctl h;
     return h;
 }
-}  // namespace
 
 void set_fake_ioctl(FakeIoctl h) { handler() = std::move(h); }
 
@@ -20,7 +17,6 @@ extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
     void* record = va_arg(args, void*);
     va_end(args);
     if (handler()) return handler()(descriptor, request, record);
-    using Real = int (*)(int, unsigned long, ...);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "ioctl"));
+    static auto* real = reinterpret_cast<int (*)(int, unsigned long, ...)>(dlsym(RTLD_NEXT, "ioctl"));
     return real(descriptor, request, record);
 }

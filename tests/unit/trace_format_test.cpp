@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "device_test_support.h"
+#include "support.h"
 #include "trace/trace.h"
 
 namespace {
