@@ -1,9 +1,10 @@
 // Start-up: context, command line, usage text, trace facility, then the
 // batch runner or the manual test menu.
-#include <cstdlib>
+#include <ctime>
 #include <cstring>
 
 #include "context/context.h"
+#include "device/generator.h"
 #include "menu/menu.h"
 #include "script/script.h"
 #include "trace/trace.h"
@@ -74,7 +75,7 @@ bool read_command_line(int argc, char** argv) {
 int main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IONBF, 0);
     reset_test_context();
-    srand(static_cast<unsigned>(time(nullptr)));
+    seed_running_sequence(static_cast<uint32_t>(time(nullptr)));
 
     if (argc > 1 && !read_command_line(argc, argv)) return kResultSyntaxError;
 

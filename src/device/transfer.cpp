@@ -7,6 +7,7 @@
 #include "context/context.h"
 #include "device/data_commands.h"
 #include "device/device.h"
+#include "device/generator.h"
 #include "script/script.h"
 
 int64_t last_sector = 0;
@@ -195,7 +196,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
     for (int64_t r = 0; r < records; ++r) {
         int64_t sector = random_sector();
-        int64_t sectors = rand() % 10 + 1;
+        int64_t sectors = next_running_value() % 10 + 1;
         if (sector + sectors >= block_max) sectors = 1;
         int64_t size = std::min(wrapping_product(sectors, sector_size), kBufferBytes);
         if (!record_fits(size)) return;
