@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "device/generator.h"
 #include "device_test_support.h"
 
 namespace {
@@ -57,22 +58,22 @@ TEST(RecordPattern, SeededBySectorAndReseededByOneDraw) {
     srand(42);
     int first = rand();
     int second = rand();
-    srand(42);
+    seed_running_sequence(42);
     fill_record_pattern(record, 0x1'0000'0005);  // low 32 bits seed
     std::vector<uint8_t> pattern = expected_pattern(5);
     EXPECT_EQ(std::vector<uint8_t>(record + 4, record + 256), pattern);
     EXPECT_EQ(record[0], 0);  // identifier bytes untouched
     srand(static_cast<unsigned>(first));
     int after_reseed = rand();
-    srand(42);
+    seed_running_sequence(42);
     fill_record_pattern(record, 5);
-    EXPECT_EQ(rand(), after_reseed);
+    EXPECT_EQ(next_running_value(), after_reseed);
     EXPECT_NE(after_reseed, second);
 
     uint8_t expected = 0;
-    srand(42);
+    seed_running_sequence(42);
     EXPECT_EQ(verify_record_pattern(record, 5, expected), -1);
-    EXPECT_EQ(rand(), after_reseed);  // verification draws exactly as writing does
+    EXPECT_EQ(next_running_value(), after_reseed);  // verification draws exactly as writing does
     record[100] ^= 0xff;
     record[200] ^= 0xff;
     EXPECT_EQ(verify_record_pattern(record, 5, expected), 100);
@@ -97,7 +98,7 @@ TEST(RandomSector, StaysWithinBlockMax) {
     block_max = 0;
     for (int i = 0; i < 50; ++i) EXPECT_EQ(random_sector(), 0);
     block_max = 100;
-    srand(1);
+    seed_running_sequence(1);
     for (int i = 0; i < 2000; ++i) {
         int64_t s = random_sector();
         EXPECT_GE(s, 0);
@@ -105,7 +106,7 @@ TEST(RandomSector, StaysWithinBlockMax) {
     }
     srand(7);
     long double r = rand();
-    srand(7);
+    seed_running_sequence(7);
     EXPECT_EQ(random_sector(), static_cast<int64_t>(100.0L * r / 2147483647.0L));
 }
 
@@ -135,6 +136,35 @@ TEST_F(DataCommands, ShortFormsAndNegativeIdentifier) {
     EXPECT_EQ(test_context.result_code, -2);
     EXPECT_EQ(out.take().substr(0, 42), "write, invalid statement at (dat = -2) wro");
     EXPECT_EQ(file_bytes()[512], 0xfe);
+}
+
+// Each command's draws and reseedings, modelled with the library's own
+// srand/rand: the running sequence (and so every later random sector) must
+// come out as the library would have it.
+TEST_F(DataCommands, RunningSequenceAfterDataCommandsFollowsTheLibrary) {
+    block_max = 100;
+    block_seek = 0;
+    seed_running_sequence(2024);
+    ASSERT_EQ(run("write records = 3"), 1);
+    ASSERT_EQ(run("random_read blocks = 2"), 1);
+    ASSERT_EQ(run("random_write blocks = 2"), 1);
+    block_seek = 0;
+    ASSERT_EQ(run("read_verify records = 3"), 1);
+    EXPECT_EQ(outcome.return_code, 512);
+
+    srand(2024);
+    for (int r = 0; r < 3; ++r) srand(static_cast<unsigned>(rand()));  // write
+    for (int r = 0; r < 4; ++r) rand();                                 // random_read: sector, length
+    for (int r = 0; r < 2; ++r) {                                       // random_write: sector, pattern
+        rand();
+        srand(static_cast<unsigned>(rand()));
+    }
+    for (int r = 0; r < 3; ++r) srand(static_cast<unsigned>(rand()));  // read_verify
+    std::vector<int> library(3000);
+    std::vector<int> running(3000);
+    for (int& v : library) v = rand();
+    for (int& v : running) v = next_running_value();
+    EXPECT_EQ(running, library);
 }
 
 TEST(DisplayBlock, StopsAtTheBufferAndShowsPartialLines) {
