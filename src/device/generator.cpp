@@ -117,9 +117,10 @@ int32_t next_running_value() {
 }
 
 void seeded_low_bytes(uint32_t seed, uint8_t* bytes) {
-    // Three chains, x[i] = x[i-3] + x[i-31] for i = 3k, 3k+1, 3k+2, each
-    // carried in a register: read back from memory, or added in vector
-    // lanes that overlap the last stores, each step would wait on a store.
+    // x[i], x[i+1] and x[i+2] add to the values three places back: three
+    // independent chains, each kept in a register. Read back from memory,
+    // or added in vector lanes that overlap the last stores, every step
+    // would wait on a store. The last step writes two values past kEnd.
     constexpr int32_t kEnd = kFirstValue + kSeededBytes;
     uint32_t x[kEnd + 2];
     seed_words(seed, x);
@@ -127,7 +128,7 @@ void seeded_low_bytes(uint32_t seed, uint8_t* bytes) {
     uint32_t a = x[kDegree];
     uint32_t b = x[kDegree + 1];
     uint32_t c = x[kDegree + 2];
-    for (int32_t i = kDegree + kSeparation; i < kEnd; i += 3) {
+    for (int32_t i = kDegree + kSeparation; i < kEnd; i += kSeparation) {
         a += x[i - kDegree];
         x[i] = a;
         b += x[i + 1 - kDegree];
