@@ -3,6 +3,7 @@
 #include "driver.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -20,7 +21,7 @@ namespace vpathsim {
 namespace {
 
 constexpr char kMagic[8] = {'v', 'p', 'a', 't', 'h', 's', 'i', 'm'};
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 // What the trace record shows as the table's "kernel address".
 constexpr uint64_t kTableAddress = 0xffffc90000a00000ull;
 
@@ -90,7 +91,8 @@ bool valid_layout(const SharedState& s) {
         for (int p = 0; p < device.path_count; ++p)
             if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;
     }
-    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && s.trace.used <= kTraceTableSize;
+    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && s.trace.used <= kTraceTableSize &&
+           valid_faults(s);
 }
 
 }  // namespace
@@ -255,6 +257,8 @@ int Sim::begin_transfer(int device, bool write, uint64_t position, size_t length
         return EIO;
     }
     *path = chosen;
+    if (int error = flaky_retry(device, what, path); error != 0) return error;
+    chosen = *path;
     for (int i = 0; i < state_->injected_count; ++i) {
         const InjectedSector& bad = state_->injected[i];
         if (bad.device == device && bad.sector >= first && bad.sector <= last) {
@@ -293,6 +297,7 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
     } else {
         trace("EXIT vpath_%s vpath%d length %zu rc %zd\n", what, device, length, result);
     }
+    if (length > 0) advance_schedule(device, length);
 }
 
 int Sim::request(uint32_t code, void* record) {
@@ -318,6 +323,21 @@ int Sim::request(uint32_t code, void* record) {
         return -1;
     }
     return 0;
+}
+
+bool Sim::block_layer_request(int device, uint32_t code, void* record, int* rc) {
+    bool copied = true;
+    if (code == static_cast<uint32_t>(BLKGETSIZE64)) {
+        uint64_t bytes = device_size(device);
+        copied = copy_to_user(record, &bytes, sizeof bytes);
+    } else if (code == static_cast<uint32_t>(BLKSSZGET)) {
+        int block_length = static_cast<int>(kSectorSize);
+        copied = copy_to_user(record, &block_length, sizeof block_length);
+    } else {
+        return false;
+    }
+    *rc = copied ? 0 : (errno = EFAULT, -1);
+    return true;
 }
 
 // Each handler copies the record in, answers, and copies it back; a failure
@@ -585,6 +605,7 @@ void Sim::restore() {
         for (auto& path : device.paths) path.failed = 0;
     for (auto& adapter : state_->adapters) adapter.failed = 0;
     state_->injected_count = 0;
+    std::memset(&state_->faults, 0, sizeof state_->faults);
     trace("faults cleared\n");
 }
 
@@ -623,6 +644,7 @@ void Sim::show(FILE* out) {
     for (int i = 0; i < state_->injected_count; ++i)
         std::fprintf(out, "eio vpath%d sector %llu\n", state_->injected[i].device,
                      static_cast<unsigned long long>(state_->injected[i].sector));
+    show_faults(out);
 }
 
 }  // namespace vpathsim

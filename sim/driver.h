@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 
+#include "faults.h"
 #include "records.h"
 
 namespace vpathsim {
@@ -19,6 +20,7 @@ constexpr int kMaxDevices = 16;
 constexpr int kMaxInjected = 64;
 constexpr uint32_t kTraceTableSize = 65536;
 constexpr uint32_t kSectorSize = 512;
+static_assert(kFaultDevices == kMaxDevices);
 
 struct PathConfig {
     int32_t adapter;
@@ -96,7 +98,12 @@ struct SharedState {
     int32_t injected_count;
     InjectedSector injected[kMaxInjected];
     TraceTable trace;
+    FaultTable faults;
 };
+
+// The fault table of a state file names only devices, paths and adapters
+// the topology has (sim/faults.cpp).
+bool valid_faults(const SharedState& state);
 
 Topology default_topology();
 // $VPATHSIM_STATE, else a per-user directory under /tmp.
@@ -136,11 +143,20 @@ public:
 
     // A control request on an open vpath: 0, or -1 with errno.
     int request(uint32_t code, void* record);
+    // The size requests the kernel's block layer answers for every block
+    // device before its driver sees a request (BLKGETSIZE64: bytes,
+    // BLKSSZGET: logical block size). False when code is not one of them;
+    // else *rc is 0, or -1 with errno.
+    bool block_layer_request(int device, uint32_t code, void* record, int* rc);
 
     // Fault injection and inspection for the control program.
     bool fail_path(int device, int path);
     bool fail_adapter(int adapter);
     void restore();
+    // A fault now or after a count (sim/faults.cpp); false with the reason,
+    // state unchanged, when the request names nothing the driver has or
+    // cannot take effect.
+    bool arm(const FaultRequest& request, std::string* error);
     bool inject_eio(int device, uint64_t sector);
     void show(FILE* out);
 
@@ -154,6 +170,12 @@ private:
     void trace(const char* format, ...) __attribute__((format(printf, 2, 3)));
     bool reset_locked(const Topology& topology, std::string* error);
     bool path_functions(int device, int path) const;
+    // sim/faults.cpp: the hooks of a transfer and the fault table.
+    int flaky_retry(int device, const char* what, int* path);
+    void patch_for_fault(int device, int path, bool write, uint64_t position, size_t length, ImagePatch* patch);
+    void advance_schedule(int device, size_t length);
+    void strike(const ScheduledFault& fault, bool scheduled);
+    void show_faults(FILE* out);
     int remaining_paths(int device) const;
 
     int get_number_devices(void* user);
@@ -193,8 +215,11 @@ ssize_t Sim::transfer(int device, bool write, uint64_t position, size_t length, 
         errno = error;
         return -1;
     }
+    ImagePatch patch;
+    patch_for_fault(device, path, write, position, length, &patch);
     ssize_t result = io();
     int saved = errno;
+    patch.undo();
     end_transfer(device, path, write, length, result, result < 0 ? saved : 0);
     errno = saved;
     return result;

@@ -43,6 +43,7 @@ Fn next(const char* name) {
 constexpr int kMaxFd = 4096;
 std::mutex table_mutex;
 int8_t device_of_fd[kMaxFd];  // device number + 1, 0 when not ours
+bool direct_fd[kMaxFd];       // opened with O_DIRECT
 
 std::mutex attach_mutex;
 vpathsim::Sim* sim = nullptr;
@@ -73,9 +74,25 @@ int device_of(int fd) {
     return device_of_fd[fd] - 1;
 }
 
-void set_device(int fd, int device) {
+void set_device(int fd, int device, bool direct = false) {
     std::lock_guard<std::mutex> guard(table_mutex);
-    if (fd >= 0 && fd < kMaxFd) device_of_fd[fd] = static_cast<int8_t>(device + 1);
+    if (fd >= 0 && fd < kMaxFd) {
+        device_of_fd[fd] = static_cast<int8_t>(device + 1);
+        direct_fd[fd] = direct;
+    }
+}
+
+bool is_direct(int fd) {
+    std::lock_guard<std::mutex> guard(table_mutex);
+    return fd >= 0 && fd < kMaxFd && direct_fd[fd];
+}
+
+// A direct transfer on a block device must start, end and sit in memory on
+// logical-block boundaries; the kernel refuses anything else with EINVAL
+// before it touches a path.
+bool misaligned_direct(int fd, uint64_t position, size_t length, const void* buffer) {
+    constexpr uint64_t mask = vpathsim::kSectorSize - 1;
+    return is_direct(fd) && ((position | length | reinterpret_cast<uintptr_t>(buffer)) & mask) != 0;
 }
 
 // The vpath behaves as a block device node: kernel-style refusals of flags a
@@ -86,6 +103,8 @@ int open_device(int device, int flags) {
     if ((flags & (O_CREAT | O_EXCL)) == (O_CREAT | O_EXCL)) return errno = EEXIST, -1;
     REAL(OpenFn, open);
     std::string image = sim->image_path(device);
+    // O_DIRECT is remembered rather than passed on: the image's file system
+    // (tmpfs) need not take it, and the alignment it demands is checked here.
     int fd = real_open(image.c_str(), flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC | O_SYNC | O_DSYNC), 0);
     if (fd < 0) return -1;
     if (fd >= kMaxFd) {
@@ -93,7 +112,7 @@ int open_device(int device, int flags) {
         if (real_close) real_close(fd);
         return errno = EMFILE, -1;
     }
-    set_device(fd, device);
+    set_device(fd, device, (flags & O_DIRECT) != 0);
     return fd;
 }
 
@@ -142,6 +161,7 @@ ssize_t device_read(int fd, int device, void* buffer, size_t count) {
     size_t n = static_cast<uint64_t>(position) >= size ? 0 : std::min<uint64_t>(count, size - position);
     n = std::min<size_t>(n, 0x7ffff000);
     if (n == 0) return real_read(fd, buffer, 0);
+    if (misaligned_direct(fd, static_cast<uint64_t>(position), n, buffer)) return errno = EINVAL, -1;
     // The real read on the image lets the kernel check the caller's buffer.
     return sim->transfer(device, false, static_cast<uint64_t>(position), n,
                          [&] { return real_read(fd, buffer, n); });
@@ -157,6 +177,7 @@ ssize_t device_write(int fd, int device, const void* buffer, size_t count) {
     uint64_t size = sim->device_size(device);
     if (static_cast<uint64_t>(position) >= size) return errno = ENOSPC, -1;
     size_t n = std::min<uint64_t>({count, size - position, 0x7ffff000});
+    if (misaligned_direct(fd, static_cast<uint64_t>(position), n, buffer)) return errno = EINVAL, -1;
     return sim->transfer(device, true, static_cast<uint64_t>(position), n,
                          [&] { return real_write(fd, buffer, n); });
 }
@@ -250,7 +271,11 @@ EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     void* argument = va_arg(args, void*);
     va_end(args);
     int device = device_of(fd);
-    if (device >= 0) return sim->request(static_cast<uint32_t>(request), argument);
+    if (device >= 0) {
+        int rc = 0;
+        if (sim->block_layer_request(device, static_cast<uint32_t>(request), argument, &rc)) return rc;
+        return sim->request(static_cast<uint32_t>(request), argument);
+    }
     REAL(IoctlFn, ioctl);
     return real_ioctl(fd, request, argument);
 }

@@ -21,13 +21,24 @@ const char kUsage[] =
     "usage: vpathsim [--state DIR] COMMAND\n"
     "  init [--config FILE]          fresh driver state (old state and disk contents dropped)\n"
     "  show                          topology, path and adapter states, faults\n"
-    "  fail-path DEV PATH            path stops functioning (state Dead)\n"
-    "  fail-adapter ADAPTER          every path over the adapter stops functioning\n"
+    "  fail-path DEV PATH [WHEN]     path stops functioning (state Dead)\n"
+    "  restore-path DEV PATH [WHEN]  path works again, its data faults cleared\n"
+    "  fail-adapter ADAPTER [WHEN]   every path over the adapter stops functioning\n"
+    "  restore-adapter ADAPTER [WHEN]\n"
+    "  fail-device DEV [WHEN]        every path of the device stops functioning\n"
+    "  restore-device DEV [WHEN]     every path of the device works again\n"
+    "  flaky-path DEV PATH every K [WHEN]\n"
+    "                                every K-th try on the path fails and is retried\n"
+    "  drop-writes DEV PATH [WHEN]   writes through the path report success, store nothing\n"
+    "  corrupt-reads DEV PATH [byte B] [WHEN]\n"
+    "                                reads through the path get byte B (default 0) flipped\n"
     "  inject-eio DEV SECTOR         reads and writes covering the sector fail with EIO\n"
-    "  restore                       clear every injected fault\n"
+    "  restore                       clear every injected fault, pending ones included\n"
     "  run [--state DIR] [--config FILE] [--fresh] [--keep] -- PROGRAM [ARG...]\n"
     "                                run PROGRAM with the simulated driver; without --state\n"
     "                                a fresh temporary state is used and removed afterwards\n"
+    "WHEN is 'after N [transfers|sectors]': the fault strikes once N more transfers\n"
+    "(or sectors) of the device, of every device for an adapter, are done.\n"
     "The state directory defaults to $VPATHSIM_STATE, else /tmp/vpathsim-UID;\n"
     "$VPATHSIM_CONFIG names the topology file when --config is not given.\n";
 
@@ -53,12 +64,27 @@ std::string self_path() {
     return buffer;
 }
 
+// $VPATHSIM_LIB, else the library beside the program (a build tree), else
+// where an installation puts it relative to the program (bin/../lib). Empty,
+// with the reason told, when there is none: the program would run without
+// the simulator and meet no /dev/vpathN at all.
 std::string preload_library() {
     const char* env = getenv("VPATHSIM_LIB");
-    if (env != nullptr && *env != '\0') return env;
-    std::filesystem::path sibling = std::filesystem::path(self_path()).parent_path() / "libvpathsim_preload.so";
-    if (std::filesystem::exists(sibling)) return sibling.string();
-    return VPATHSIM_PRELOAD_DEFAULT;
+    if (env != nullptr && *env != '\0') {
+        if (access(env, R_OK) == 0) return env;
+        std::fprintf(stderr, "vpathsim: VPATHSIM_LIB names %s: %s\n", env, std::strerror(errno));
+        return "";
+    }
+    std::filesystem::path bin = std::filesystem::path(self_path()).parent_path();
+    std::filesystem::path places[] = {bin / "libvpathsim_preload.so",
+                                      (bin / VPATHSIM_LIB_FROM_BIN / "libvpathsim_preload.so").lexically_normal()};
+    for (const auto& place : places)
+        if (access(place.c_str(), R_OK) == 0) return place.string();
+    std::fprintf(stderr,
+                 "vpathsim: the simulated driver library libvpathsim_preload.so is neither in %s nor in %s;"
+                 " set VPATHSIM_LIB to its file\n",
+                 places[0].parent_path().c_str(), places[1].parent_path().c_str());
+    return "";
 }
 
 bool attach(vpathsim::Sim& sim, const std::string& dir, const std::string& config) {
@@ -122,11 +148,16 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
         dir = pattern;
         fresh = true;
     }
+    std::string preload = preload_library();
+    if (preload.empty()) return 1;
     {
         vpathsim::Sim sim;
-        if (!(fresh ? reset(sim, dir, config) : attach(sim, dir, config))) return 1;
+        if (!(fresh ? reset(sim, dir, config) : attach(sim, dir, config))) {
+            std::error_code ignored;
+            if (!dir_given) std::filesystem::remove_all(dir, ignored);
+            return 1;
+        }
     }
-    std::string preload = preload_library();
     const char* old = getenv("LD_PRELOAD");
     if (old != nullptr && *old != '\0') preload += ":" + std::string(old);
     setenv("LD_PRELOAD", preload.c_str(), 1);
@@ -157,6 +188,76 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+struct FaultCommand {
+    const char* name;
+    vpathsim::FaultKind kind;
+    int numbers;  // DEV PATH, or DEV, or ADAPTER
+};
+
+constexpr FaultCommand kFaultCommands[] = {
+    {"fail-path", vpathsim::kFaultFailPath, 2},       {"restore-path", vpathsim::kFaultRestorePath, 2},
+    {"fail-adapter", vpathsim::kFaultFailAdapter, 1}, {"restore-adapter", vpathsim::kFaultRestoreAdapter, 1},
+    {"fail-device", vpathsim::kFaultFailDevice, 1},   {"restore-device", vpathsim::kFaultRestoreDevice, 1},
+    {"flaky-path", vpathsim::kFaultFlakyPath, 2},     {"drop-writes", vpathsim::kFaultDropWrites, 2},
+    {"corrupt-reads", vpathsim::kFaultCorruptReads, 2},
+};
+
+// A count after a keyword ("after 5000", "every 3", "byte 100"): out of range
+// or not a number is bad input (status 1), told with the keyword.
+bool count(const char* keyword, const char* text, long long low, long long* out) {
+    if (number(text, low, 4294967295LL, out)) return true;
+    std::fprintf(stderr, "vpathsim: %s: expected a number from %lld to 4294967295, not '%s'\n", keyword, low, text);
+    return false;
+}
+
+// The fault commands: -1 when command is none of them, else the exit status.
+int fault_command(vpathsim::Sim& sim, const std::string& command, int argc, char** argv) {
+    const FaultCommand* found = nullptr;
+    for (const auto& candidate : kFaultCommands)
+        if (command == candidate.name) found = &candidate;
+    if (found == nullptr) return -1;
+    vpathsim::FaultRequest request;
+    request.kind = found->kind;
+    long long values[2] = {0, 0};
+    if (argc < found->numbers) return usage();
+    for (int i = 0; i < found->numbers; ++i)
+        if (!number(argv[i], 0, INT_MAX, &values[i])) return usage();
+    bool adapter = found->kind == vpathsim::kFaultFailAdapter || found->kind == vpathsim::kFaultRestoreAdapter;
+    request.device = adapter ? -1 : static_cast<int>(values[0]);
+    request.target = adapter ? static_cast<int>(values[0]) : static_cast<int>(values[1]);
+    bool every = false;
+    long long value = 0;
+    for (int i = found->numbers; i < argc; i += 2) {
+        std::string word = argv[i];
+        if (i + 1 >= argc) return usage();
+        if (word == "after") {
+            if (!count("after", argv[i + 1], 1, &value)) return 1;
+            request.after = static_cast<uint64_t>(value);
+            if (i + 2 < argc) {
+                std::string unit = argv[i + 2];
+                if (unit == "transfers" || unit == "transfer" || unit == "sectors" || unit == "sector") {
+                    request.in_sectors = unit[0] == 's';
+                    ++i;
+                }
+            }
+        } else if (word == "every" && found->kind == vpathsim::kFaultFlakyPath) {
+            if (!count("every", argv[i + 1], 1, &value)) return 1;
+            request.argument = static_cast<uint32_t>(value);
+            every = true;
+        } else if (word == "byte" && found->kind == vpathsim::kFaultCorruptReads) {
+            if (!count("byte", argv[i + 1], 0, &value)) return 1;
+            request.argument = static_cast<uint32_t>(value);
+        } else {
+            return usage();
+        }
+    }
+    if (found->kind == vpathsim::kFaultFlakyPath && !every) return usage();
+    std::string error;
+    if (sim.arm(request, &error)) return 0;
+    std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+    return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -176,7 +277,7 @@ int main(int argc, char** argv) {
     if (command == "help" || command == "--help") return std::fputs(kUsage, stdout), 0;
 
     vpathsim::Sim sim;
-    long long a = 0, b = 0;
+    long long a = 0, b = 0;  // inject-eio
     if (command == "init") {
         std::string config = env_config();
         if (rest == 2 && std::strcmp(args[0], "--config") == 0) {
@@ -195,16 +296,7 @@ int main(int argc, char** argv) {
         sim.restore();
         return 0;
     }
-    if (command == "fail-path" && rest == 2 && number(args[0], 0, INT_MAX, &a) && number(args[1], 0, INT_MAX, &b)) {
-        if (sim.fail_path(static_cast<int>(a), static_cast<int>(b))) return 0;
-        std::fprintf(stderr, "vpathsim: no path %lld on vpath%lld\n", b, a);
-        return 1;
-    }
-    if (command == "fail-adapter" && rest == 1 && number(args[0], 0, INT_MAX, &a)) {
-        if (sim.fail_adapter(static_cast<int>(a))) return 0;
-        std::fprintf(stderr, "vpathsim: no adapter %lld\n", a);
-        return 1;
-    }
+    if (int status = fault_command(sim, command, rest, args); status >= 0) return status;
     if (command == "inject-eio" && rest == 2 && number(args[0], 0, INT_MAX, &a) && number(args[1], 0, LLONG_MAX, &b)) {
         if (sim.inject_eio(static_cast<int>(a), static_cast<uint64_t>(b))) return 0;
         std::fprintf(stderr, "vpathsim: cannot inject sector %lld on vpath%lld\n", b, a);

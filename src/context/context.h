@@ -34,7 +34,11 @@ struct TestContext {
     int32_t result_code;
     int32_t failed_line;
     time_t start_time;
-    alignas(64) uint8_t io_buffer[kIoBufferSize];
+    // Page-aligned, so that a descriptor opened for direct transfers can move
+    // any record straight between the device and the buffer: the kernel
+    // wants the address aligned to the device's logical block size (at most
+    // a page). Every record size is a multiple of sector_size.
+    alignas(4096) uint8_t io_buffer[kIoBufferSize];
     int32_t all_operations;
     uint8_t inquiry_data[kInquiryDataSize];
 };

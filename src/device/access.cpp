@@ -1,6 +1,7 @@
 // Driver access layer: the only place the tool touches the device special
 // file. The wrappers add the -t execution trace and nothing else.
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -142,7 +143,32 @@ int ps_ddioctl(FILE* stream, int descriptor, uint32_t request, void* record, int
     return 0;
 }
 
-int ps_get_capacity(FILE*, int, void*, int64_t) { return -1; }
+// The capacity record has the layout of READ CAPACITY (10) parameter data:
+// bytes 0-3 the highest logical block address, bytes 4-7 the block length,
+// both big-endian. The block layer answers the two size requests for every
+// block device, whatever its driver; anything else (a regular file, a
+// character device) refuses them, and the query fails as it always has.
+// A highest address past 32 bits is reported as 0xFFFFFFFF, the answer a
+// disk gives when READ CAPACITY (10) cannot hold it.
+int ps_get_capacity(FILE* stream, int descriptor, void* record, int64_t length) {
+    constexpr int64_t kRecordBytes = 8;
+    if (record == nullptr || length < kRecordBytes) return -1;
+    uint64_t bytes = 0;
+    int block_length = 0;
+    if (ps_ddioctl(stream, descriptor, static_cast<uint32_t>(BLKGETSIZE64), &bytes, sizeof bytes) == -1) return -1;
+    if (ps_ddioctl(stream, descriptor, static_cast<uint32_t>(BLKSSZGET), &block_length, sizeof block_length) == -1) return -1;
+    // A device without a single whole block has no highest address to give.
+    if (block_length <= 0 || bytes < static_cast<uint64_t>(block_length)) return -1;
+    const uint64_t highest = bytes / static_cast<uint64_t>(block_length) - 1;
+    const auto reported = static_cast<uint32_t>(std::min<uint64_t>(highest, UINT32_MAX));
+    const auto size = static_cast<uint32_t>(block_length);
+    auto* out = static_cast<uint8_t*>(record);
+    for (int i = 0; i < 4; ++i) {
+        out[i] = static_cast<uint8_t>(reported >> (24 - 8 * i));
+        out[4 + i] = static_cast<uint8_t>(size >> (24 - 8 * i));
+    }
+    return 0;
+}
 
 char* ps_strerror(int number) {
     std::snprintf(error_text, sizeof error_text, "%s", std::strerror(number));

@@ -67,12 +67,28 @@ struct OpenMode {
     int32_t flags;
 };
 
-constexpr std::array<OpenMode, 5> kOpenModes{{
+// DIRECT moves every transfer between io_buffer and the device, past the
+// page cache, so a read really reaches a path and a failed path shows at
+// the transfer that met it. SYNC makes each write return only once its
+// data is on stable storage; O_DSYNC says exactly that, and O_SYNC would
+// add nothing on a device node, which has no file metadata to write back.
+// A read-only SYNC is left out: it would change nothing for reads. The
+// words come in one order: access mode, DIRECT, SYNC, NDELAY.
+constexpr std::array<OpenMode, 13> kOpenModes{{
     {"RO", "Open mode: Read only.\n", O_RDONLY},
     {"RW", "Open mode: Read and wirte.\n", O_RDWR},
     {"RO+NDELAY", "Open mode: Read only, no delay.\n", O_RDONLY | O_NDELAY},
     {"RW+NDELAY", "Open mode:Read and write, no delay.\n", O_RDWR | O_NDELAY},
     {"INVALID", " open INVALID.\n", -1},
+    {"RO+DIRECT", "Open mode: Read only, direct.\n", O_RDONLY | O_DIRECT},
+    {"RW+DIRECT", "Open mode: Read and write, direct.\n", O_RDWR | O_DIRECT},
+    {"RW+SYNC", "Open mode: Read and write, synchronous.\n", O_RDWR | O_DSYNC},
+    {"RW+DIRECT+SYNC", "Open mode: Read and write, direct, synchronous.\n", O_RDWR | O_DIRECT | O_DSYNC},
+    {"RO+DIRECT+NDELAY", "Open mode: Read only, direct, no delay.\n", O_RDONLY | O_DIRECT | O_NDELAY},
+    {"RW+DIRECT+NDELAY", "Open mode: Read and write, direct, no delay.\n", O_RDWR | O_DIRECT | O_NDELAY},
+    {"RW+SYNC+NDELAY", "Open mode: Read and write, synchronous, no delay.\n", O_RDWR | O_DSYNC | O_NDELAY},
+    {"RW+DIRECT+SYNC+NDELAY", "Open mode: Read and write, direct, synchronous, no delay.\n",
+     O_RDWR | O_DIRECT | O_DSYNC | O_NDELAY},
 }};
 
 // A device name is one token of a statement line, and batch lines hold at

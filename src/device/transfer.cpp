@@ -266,10 +266,37 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
     capture_errno(outcome, call_errno);
 }
 
+namespace {
+int32_t big_endian_field(const uint8_t* bytes) {
+    return static_cast<int32_t>(static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
+                                static_cast<uint32_t>(bytes[2]) << 8 | static_cast<uint32_t>(bytes[3]));
+}
+}  // namespace
+
 void command_device_capacity(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
     uint8_t capacity[8] = {};
+    // A device that cannot answer fails the command as it always has: the
+    // refused size request's errno must not show up as the error value.
+    const int earlier_errno = errno;
     outcome.return_code = ps_get_capacity(stream, test_context.device_handle, capacity, sizeof capacity);
-    fprintf(stream, "tarnwick error calling ps_get_capacity\n");
+    if (outcome.return_code == -1) {
+        errno = earlier_errno;
+        fprintf(stream, "tarnwick error calling ps_get_capacity\n");
+        return;
+    }
+    // Both fields are read as signed 32-bit numbers. A highest address that
+    // reads negative (from 0x80000000 up, 0xFFFFFFFF among them: more blocks
+    // than the field holds) would put every random sector before the
+    // device's start; block_max becomes the largest the field can carry
+    // instead, so random transfers cover the first 2^31 blocks and stay on
+    // the device.
+    int32_t highest = big_endian_field(capacity);
+    if (highest < 0) highest = INT32_MAX;
+    const int32_t block_length = big_endian_field(capacity + 4);
+    block_max = highest;
+    sector_size = block_length;
+    fprintf(stream, "\nsector size = %ld, highest LBA = %ld \n\n", static_cast<long>(sector_size),
+            static_cast<long>(block_max));
 }
 
 void command_display_block(FILE* stream, const CommandClause&, CommandOutcome&) {

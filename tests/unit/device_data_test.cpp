@@ -1,189 +1,114 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <linux/fs.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <string>
 #include <vector>
 
+#include "context/context.h"
+#include "device/device.h"
 #include "device/generator.h"
 #include "device_test_support.h"
-
-namespace {
-
-struct DataCommands : ::testing::Test {
-    CapturedStream out;
-    CommandOutcome outcome{};
-    char path[32] = "/tmp/tarnwick-data-XXXXXX";
-
-    void SetUp() override {
-        fresh_context();
-        int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        ASSERT_EQ(run(std::string("open ") + path + " RW"), 1);
-        ASSERT_GE(test_context.device_handle, 0);
-        out.take();
-    }
-    void TearDown() override {
-        fresh_context();
-        unlink(path);
-    }
-    int run(const std::string& clause) {
-        outcome = {};
-        return run_command(clause, out.stream, outcome);
-    }
-    std::vector<uint8_t> file_bytes() {
-        std::vector<uint8_t> bytes(1 << 16);
-        int fd = ::open(path, O_RDONLY);
-        ssize_t n = ::read(fd, bytes.data(), bytes.size());
-        ::close(fd);
-        bytes.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
-        return bytes;
-    }
-};
-
-std::vector<uint8_t> expected_pattern(unsigned sector) {
-    srand(sector);
-    std::vector<uint8_t> bytes;
-    for (int i = 4; i < 256; ++i) bytes.push_back(static_cast<uint8_t>(rand()));
-    return bytes;
-}
-
-}  // namespace
-
-TEST(RecordPattern, SeededBySectorAndReseededByOneDraw) {
-    uint8_t record[256] = {};
-    srand(42);
-    int first = rand();
-    int second = rand();
-    seed_running_sequence(42);
-    fill_record_pattern(record, 0x1'0000'0005);  // low 32 bits seed
-    std::vector<uint8_t> pattern = expected_pattern(5);
-    EXPECT_EQ(std::vector<uint8_t>(record + 4, record + 256), pattern);
-    EXPECT_EQ(record[0], 0);  // identifier bytes untouched
-    srand(static_cast<unsigned>(first));
-    int after_reseed = rand();
-    seed_running_sequence(42);
-    fill_record_pattern(record, 5);
-    EXPECT_EQ(next_running_value(), after_reseed);
-    EXPECT_NE(after_reseed, second);
-
-    uint8_t expected = 0;
-    seed_running_sequence(42);
-    EXPECT_EQ(verify_record_pattern(record, 5, expected), -1);
-    EXPECT_EQ(next_running_value(), after_reseed);  // verification draws exactly as writing does
-    record[100] ^= 0xff;
-    record[200] ^= 0xff;
-    EXPECT_EQ(verify_record_pattern(record, 5, expected), 100);
-    EXPECT_EQ(expected, pattern[96]);
-}
+#include "fake_ioctl.h"
 
 // The pattern is drawn from a private generator; it must stay byte for byte
 // what srand(sector) and rand() give, or records of older runs stop verifying.
+// Filling and verifying take one draw of the running sequence and reseed it.
 TEST(RecordPattern, MatchesSrandAndRandForEverySeedClass) {
-    const int64_t sectors[] = {0, 1, 2, 31, 344, 2147483647, 2147483648LL, 4294967295LL, -1, -2147483648LL,
-                               0x7fffffffffffffffLL};
+    const int64_t sectors[] = {0, 1, 2, 31, 344, 2147483647, 2147483648LL, 4294967295LL, 0x100000005LL,
+                               -1, -2147483648LL, 0x7fffffffffffffffLL};
     for (int64_t sector : sectors) {
+        srand(static_cast<unsigned>(sector));
+        std::vector<uint8_t> expected;
+        for (int i = 4; i < 256; ++i) expected.push_back(static_cast<uint8_t>(rand()));
+        srand(42);
+        unsigned after = static_cast<unsigned>(rand());
+        srand(after);
+        after = static_cast<unsigned>(rand());
         uint8_t record[256] = {};
+        seed_running_sequence(42);
         fill_record_pattern(record, sector);
-        EXPECT_EQ(std::vector<uint8_t>(record + 4, record + 256), expected_pattern(static_cast<unsigned>(sector)))
-            << "sector " << sector;
+        EXPECT_EQ(std::vector<uint8_t>(record + 4, record + 256), expected) << sector;
+        EXPECT_EQ(record[0], 0) << sector;  // the identifier is not the pattern's
+        EXPECT_EQ(static_cast<unsigned>(next_running_value()), after) << sector;
+        uint8_t wanted = 0;
+        seed_running_sequence(42);
+        EXPECT_EQ(verify_record_pattern(record, sector, wanted), -1) << sector;
+        EXPECT_EQ(static_cast<unsigned>(next_running_value()), after) << sector;
+        record[100] ^= 0xff;
+        record[200] ^= 0xff;
+        EXPECT_EQ(verify_record_pattern(record, sector, wanted), 100) << sector;
+        EXPECT_EQ(wanted, expected[96]) << sector;
     }
 }
 
-TEST(RandomSector, StaysWithinBlockMax) {
-    reset_test_context();
-    block_max = 0;
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(random_sector(), 0);
-    block_max = 100;
-    seed_running_sequence(1);
-    for (int i = 0; i < 2000; ++i) {
-        int64_t s = random_sector();
-        EXPECT_GE(s, 0);
-        EXPECT_LE(s, 100);
+// `set buffer` refuses an address inside the tool's own writable memory.
+// Where that memory lies changes from run to run: no transcript can name it.
+TEST(BufferAddress, OwnWritableMemoryIsRefused) {
+    int on_stack = 0;
+    const uint64_t own = reinterpret_cast<uintptr_t>(&test_context);
+    const struct {
+        uint64_t address, length;
+        bool inside;
+    } cases[] = {{own, 1, true},
+                 {reinterpret_cast<uintptr_t>(test_context.io_buffer), 1, true},
+                 {reinterpret_cast<uintptr_t>(&on_stack), 1, true},
+                 {own - 4096, kIoBufferSize, true},  // ends inside
+                 {4096, 4096, false},
+                 {UINT64_MAX - 10, 100, false}};  // wraps: clamped, nothing mapped there
+    for (const auto& c : cases) EXPECT_EQ(address_in_writable_memory(c.address, c.length), c.inside) << c.address;
+}
+
+// What the block layer answers decides the capacity record (big-endian
+// highest LBA and block length) and what device_capacity sets; a refused or
+// senseless answer fails the command and leaves the variables alone.
+TEST(DeviceCapacity, FromTheBlockSizeRequests) {
+    constexpr uint64_t kTiB = 1ull << 40;
+    const struct {
+        int size_errno;
+        uint64_t bytes;
+        int block_errno, block;
+        const char* record;  // hex; "" when the query fails
+        int64_t block_max, sector_size;
+    } cases[] = {
+        {0, 64 << 20, 0, 512, "0001ffff00000200", 131071, 512},
+        {0, 64 << 20, 0, 4096, "00003fff00001000", 16383, 4096},
+        {0, (64 << 20) + 100, 0, 512, "0001ffff00000200", 131071, 512},  // last block cut short
+        {0, kTiB + kTiB / 2, 0, 512, "bfffffff00000200", 2147483647, 512},  // reads negative
+        {0, 3 * kTiB, 0, 512, "ffffffff00000200", 2147483647, 512},  // past 32 bits
+        {ENOTTY, 0, 0, 512, "", 0, 512},
+        {0, 64 << 20, EINVAL, 0, "", 0, 512},
+        {0, 511, 0, 512, "", 0, 512},  // less than a block
+        {0, 64 << 20, 0, -512, "", 0, 512},
+    };
+    test_context.device_handle = 3;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.record);
+        ScopedFakeIoctl fake([&c](int, unsigned long request, void* record) {
+            if (static_cast<uint32_t>(request) == static_cast<uint32_t>(BLKGETSIZE64)) {
+                if (c.size_errno != 0) return errno = c.size_errno, -1;
+                std::memcpy(record, &c.bytes, sizeof c.bytes);
+                return 0;
+            }
+            if (c.block_errno != 0) return errno = c.block_errno, -1;
+            std::memcpy(record, &c.block, sizeof c.block);
+            return 0;
+        });
+        CapturedStream out;
+        uint8_t record[8] = {};
+        int rc = ps_get_capacity(out.stream, 3, record, sizeof record);
+        char hex[17] = "";
+        for (int i = 0; rc == 0 && i < 8; ++i) snprintf(hex + 2 * i, 3, "%02x", record[i]);
+        EXPECT_STREQ(hex, c.record);
+        block_max = 0;
+        sector_size = 512;
+        Statement s("device_capacity");
+        CommandOutcome outcome{};
+        execute_command(s.text.c_str(), out.stream, s.tokens, 0, s.count, outcome);
+        EXPECT_EQ(outcome.return_code, rc);
+        EXPECT_EQ(block_max, c.block_max);
+        EXPECT_EQ(sector_size, c.sector_size);
     }
-    srand(7);
-    long double r = rand();
-    seed_running_sequence(7);
-    EXPECT_EQ(random_sector(), static_cast<int64_t>(100.0L * r / 2147483647.0L));
-}
-
-TEST(PrintableCopy, DotsForNonPrintingBytes) {
-    const uint8_t source[] = {0x00, 0x1f, 0x20, 'A', 0x7e, 0x7f, 0x80, 0xff};
-    char text[9];
-    std::memset(text, 'z', sizeof text);
-    printable_copy(source, text, 8);
-    EXPECT_STREQ(text, ".. A~...");
-    printable_copy(source, text, 0);
-    EXPECT_STREQ(text, "");
-}
-
-// The transfers' transcripts are proven by the black-box tests; these are
-// the malformed and edge statements they do not write.
-TEST_F(DataCommands, ShortFormsAndNegativeIdentifier) {
-    // Short forms take the defaults without looking at any keyword.
-    ASSERT_EQ(run("read records"), 1);
-    ASSERT_EQ(run("write records ="), 1);
-    ASSERT_EQ(run("random_read blocks ="), 1);
-    EXPECT_EQ(test_context.result_code, 0);
-    EXPECT_EQ(block_seek, 2);
-    out.take();
-    if (decimal_value("7", 1) != 7) GTEST_SKIP() << "statement language not built in";
-    block_seek = 1;
-    ASSERT_EQ(run("write records = 1 dat = -2"), 1);
-    EXPECT_EQ(test_context.result_code, -2);
-    EXPECT_EQ(out.take().substr(0, 42), "write, invalid statement at (dat = -2) wro");
-    EXPECT_EQ(file_bytes()[512], 0xfe);
-}
-
-// Each command's draws and reseedings, modelled with the library's own
-// srand/rand: the running sequence (and so every later random sector) must
-// come out as the library would have it.
-TEST_F(DataCommands, RunningSequenceAfterDataCommandsFollowsTheLibrary) {
-    block_max = 100;
-    block_seek = 0;
-    seed_running_sequence(2024);
-    ASSERT_EQ(run("write records = 3"), 1);
-    ASSERT_EQ(run("random_read blocks = 2"), 1);
-    ASSERT_EQ(run("random_write blocks = 2"), 1);
-    block_seek = 0;
-    ASSERT_EQ(run("read_verify records = 3"), 1);
-    EXPECT_EQ(outcome.return_code, 512);
-
-    srand(2024);
-    for (int r = 0; r < 3; ++r) srand(static_cast<unsigned>(rand()));  // write
-    for (int r = 0; r < 4; ++r) rand();                                 // random_read: sector, length
-    for (int r = 0; r < 2; ++r) {                                       // random_write: sector, pattern
-        rand();
-        srand(static_cast<unsigned>(rand()));
-    }
-    for (int r = 0; r < 3; ++r) srand(static_cast<unsigned>(rand()));  // read_verify
-    std::vector<int> library(3000);
-    std::vector<int> running(3000);
-    for (int& v : library) v = rand();
-    for (int& v : running) v = next_running_value();
-    EXPECT_EQ(running, library);
-}
-
-TEST(DisplayBlock, StopsAtTheBufferAndShowsPartialLines) {
-    fresh_context();
-    CapturedStream out;
-    CommandOutcome o{};
-    sector_size = 20;  // not a multiple of 16
-    test_context.io_buffer[17] = 'A';
-    ASSERT_EQ(run_command("display_block", out.stream, o), 1);
-    EXPECT_EQ(out.take(),
-              "Contents of sector 0 \n"
-              " bytes 0000-0015: 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00   (................) \n"
-              " bytes 0016-0019: 00 41 00 00 \n"
-              "End contents of sector 0 \n");
-    sector_size = 512;
-    block_count = 1024;  // 512 KiB asked, 256 KiB shown
-    ASSERT_EQ(run_command("display_block", out.stream, o), 1);
-    std::string text = out.take();
-    EXPECT_NE(text.find(" bytes 262128-262143: "), std::string::npos);
-    EXPECT_EQ(text.find(" bytes 262144-"), std::string::npos);
-    fresh_context();
+    test_context.device_handle = -1;
 }

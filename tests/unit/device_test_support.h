@@ -1,5 +1,5 @@
-// Shared by the unit tests: statements tokenized on blanks and tabs, a
-// captured output stream, and a context reset to its start values.
+// Shared by the unit tests: statements tokenized on blanks and tabs, and a
+// captured output stream.
 #pragma once
 
 #include <cstdio>
@@ -47,16 +47,6 @@ public:
         fflush(stream);
         return std::string(data_, size_);
     }
-    // The text so far, and a fresh empty stream for what follows.
-    std::string take() {
-        std::string s = text();
-        fclose(stream);
-        free(data_);
-        data_ = nullptr;
-        size_ = 0;
-        stream = open_memstream(&data_, &size_);
-        return s;
-    }
 
 private:
     char* data_ = nullptr;
@@ -65,15 +55,3 @@ private:
 public:
     FILE* stream = open_memstream(&data_, &size_);
 };
-
-// Runs "command ..." text (without the word command) through the executor.
-inline int run_command(const std::string& clause, FILE* stream, CommandOutcome& outcome) {
-    Statement s(clause);
-    return execute_command(s.text.c_str(), stream, s.tokens, 0, s.count, outcome);
-}
-
-inline void fresh_context() {
-    if (test_context.device_handle != -1) ps_close(test_context.device_handle);
-    reset_test_context();
-    last_sector = 0;
-}

@@ -1,0 +1,136 @@
+// The simulator's own state: a topology file with nonsense is refused with
+// its line, processes updating the shared state at once lose nothing, and a
+// corrupt state file is rebuilt rather than trusted. What the driver answers
+// is proved by the golden cases run under the simulator.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "driver.h"
+
+namespace vpathsim {
+namespace {
+
+std::string repeat(const std::string& text, int times) {
+    std::string out;
+    while (times-- > 0) out += text;
+    return out;
+}
+
+TEST(Config, NonsenseIsRefusedWithItsLine) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"", "no device declared"},
+        {"adapter a\ndevice\n", "device 0 has no path"},
+        {"path p adapter=0\n", "line 1: path before any device"},
+        {"adapter a\ndevice\npath p adapter=1\n", "line 3: path names an adapter that is not declared"},
+        {"adapter a\ndevice\npath p\n", "line 3: path needs a name and adapter=N"},
+        {"adapter\n", "line 1: adapter needs a name"},
+        {"adapter a b\n", "line 1: unexpected 'b'"},
+        {"adapter a\ndevice size=0\n", "line 2: bad size (a multiple of 512, K/M/G allowed)"},
+        {"adapter a\ndevice size=99999999999999999999G\n", "line 2: bad size (a multiple of 512, K/M/G allowed)"},
+        {"adapter a\ndevice policy=0\n", "line 2: policy must be 1 to 7"},
+        {"adapter a\ndevice devtype=256\n", "line 2: devtype must be 0 to 255"},
+        {"adapter a\ndevice colour=red\n", "line 2: unknown device key 'colour'"},
+        {"adapter a\ndevice serial\n", "line 2: expected key=value, got 'serial'"},
+        {"disk 0\n", "line 1: unknown keyword 'disk'"},
+        {repeat("adapter a\n", kMaxAdapters + 1), "line 33: too many adapters"},
+        {"adapter a\ndevice\n" + repeat("path p adapter=0\n", kMaxPaths + 1), "line 35: too many paths"},
+        {"adapter a\n" + repeat("device\npath p adapter=0\n", kMaxDevices + 1), "line 34: too many devices"},
+    };
+    for (const auto& [text, expected] : cases) {
+        Topology topology = default_topology();
+        std::string error;
+        EXPECT_FALSE(parse_config(text, &topology, &error)) << text;
+        EXPECT_EQ(error, expected) << text;
+        EXPECT_EQ(topology.device_count, 2) << "left untouched: " << text;
+    }
+}
+
+class State : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/vpathsim-test.XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    Sim& attach(Sim& sim) {
+        std::string error;
+        EXPECT_TRUE(sim.attach(dir_, "", &error)) << error;
+        return sim;
+    }
+    std::string dir_;
+};
+
+TEST_F(State, ConcurrentProcessesLoseNoCounts) {
+    Sim sim;
+    attach(sim);
+    pid_t children[2];
+    for (pid_t& child : children) {
+        child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Sim own;
+            std::string error;
+            if (!own.attach(dir_, "", &error)) _exit(1);  // no gtest in the child
+            for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, [] { return ssize_t{512}; });
+            _exit(0);
+        }
+    }
+    for (pid_t child : children) {
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    DeviceStatsRecord stats{};
+    stats.device = 1;
+    ASSERT_EQ(sim.request(kGetDevStats, &stats), 0);
+    EXPECT_EQ(stats.io.total_read, 300u);
+    EXPECT_EQ(stats.io.total_write, 300u);
+}
+
+TEST_F(State, CorruptStateIsRebuilt) {
+    {
+        Sim sim;  // an adapter name without its terminating NUL, and a failed path
+        std::memset(attach(sim).state()->topology.adapter_names[1], 'x', 16);
+        ASSERT_TRUE(sim.fail_path(0, 0));
+    }
+    {
+        Sim sim;
+        EXPECT_STREQ(attach(sim).state()->topology.adapter_names[1], "scsi1");
+        EXPECT_EQ(sim.state()->devices[0].paths[0].failed, 0);  // started over
+    }
+    FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
+    ASSERT_NE(f, nullptr);
+    std::fseek(f, 16, SEEK_SET);
+    int32_t hostile = 1 << 30;  // device count
+    std::fwrite(&hostile, sizeof hostile, 1, f);
+    std::fclose(f);
+    Sim sim;
+    DeviceCountRecord count{};
+    ASSERT_EQ(attach(sim).request(kGetNumberDevices, &count), 0);
+    EXPECT_EQ(count.count, 2);
+}
+
+// A fault table that names what the topology lacks is started over rather
+// than obeyed.
+TEST_F(State, HostileFaultTableIsRebuilt) {
+    {
+        Sim sim;
+        std::string error;
+        ASSERT_TRUE(attach(sim).arm({kFaultFailPath, 0, 1, 0, 0, false}, &error)) << error;
+        ASSERT_TRUE(sim.arm({kFaultFailPath, 1, 0, 0, 9, false}, &error)) << error;
+        sim.state()->faults.scheduled[0].target = 4;  // vpath1 has paths 0 to 3
+    }
+    Sim sim;
+    EXPECT_EQ(attach(sim).state()->faults.scheduled_count, 0);
+    EXPECT_EQ(sim.state()->devices[0].paths[1].failed, 0);
+}
+
+}  // namespace
+}  // namespace vpathsim

@@ -1,0 +1,46 @@
+#!/bin/sh
+# The installed tree works on its own: `cmake --install` into a temporary
+# prefix, move the prefix elsewhere (the programs find what they need
+# relative to themselves), then run an installed example with the installed
+# programs while the build tree is hidden (an empty tmpfs over it, in a user
+# and mount namespace, where the system allows one).
+#   tests/install.sh BUILD_DIR
+set -eu
+if [ "${1:-}" = --run-example ]; then
+    cd "$3"
+    "$2/bin/vpathsim" run -- "$2/bin/tarnwick" -f "$2/share/doc/tarnwick/examples/failover-midwrite.tw" \
+        -o midwrite.out -d /dev/vpath0 > /dev/null
+    grep -q '^Batch test end rc=0 ' midwrite.out
+    exit
+fi
+build=$(cd "$1" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "install test: $*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$work/first" > /dev/null
+mv "$work/first" "$work/prefix"
+p=$work/prefix
+lib=$(find "$p" -name libvpathsim_preload.so)
+for file in bin/tarnwick bin/vpathsim share/man/man1/tarnwick.1 \
+            share/man/man1/vpathsim.1 share/doc/tarnwick/language.md share/doc/tarnwick/simulator.md \
+            share/doc/tarnwick/examples/failover-midwrite.tw; do
+    [ -e "$p/$file" ] || fail "$file not installed"
+done
+
+# The library vpathsim preloads is the installed one.
+unset VPATHSIM_LIB VPATHSIM_STATE VPATHSIM_CONFIG
+chosen=$("$p/bin/vpathsim" run -- sh -c 'echo "$LD_PRELOAD"')
+[ -n "$lib" ] && [ "$chosen" = "$lib" ] || fail "vpathsim preloads '$chosen'"
+
+if unshare -rm true 2> /dev/null; then
+    unshare -rm sh -c 'mount -t tmpfs none "$1" && [ -z "$(ls -A "$1")" ] && exec "$2" --run-example "$3" "$4"' \
+        sh "$build" "$0" "$p" "$work" || fail "the example failed with the build tree hidden"
+else
+    "$0" --run-example "$p" "$work" || fail "the installed example failed"
+fi
+
+# Without its library vpathsim says so, rather than run the program bare.
+rm "$lib"
+if "$p/bin/vpathsim" run -- true 2> "$work/err"; then fail "vpathsim ran without its library"; fi
+grep -q "libvpathsim_preload.so is neither in" "$work/err" || fail "no word about the missing library: $(cat "$work/err")"
