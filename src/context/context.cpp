@@ -1,7 +1,10 @@
 #include "context/context.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
+
+#include <unistd.h>
 
 TestContext test_context;
 
@@ -13,6 +16,14 @@ int64_t block_max = 1000;
 void report_syntax_error() {
     printf("batch file syntax error, line %d \n", test_context.line_number);
     test_context.result_code = kResultSyntaxError;
+}
+
+bool stderr_is_terminal() {
+    // Asked between commands whose errno a result clause may still judge.
+    const int saved = errno;
+    static const bool terminal = isatty(STDERR_FILENO) == 1;
+    errno = saved;
+    return terminal;
 }
 
 void ttrace(FILE* stream, const char* format, ...) {

@@ -61,6 +61,10 @@ inline constexpr int32_t kResultExit = -3;
 // "batch file syntax error, line %d \n" on standard output, result code -2.
 void report_syntax_error();
 
+// Whether standard error is a terminal, asked of the system once per run:
+// only then do the screen-only aids (progress line, failure reason) appear.
+bool stderr_is_terminal();
+
 // A "TTRACE" style line: written and flushed only while tracing (-t) is on.
 void ttrace(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
 

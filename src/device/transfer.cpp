@@ -8,6 +8,7 @@
 #include "device/data_commands.h"
 #include "device/device.h"
 #include "device/generator.h"
+#include "device/progress.h"
 #include "script/script.h"
 
 int64_t last_sector = 0;
@@ -93,6 +94,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
     bool go_on = true;
     // A verification failure reports whatever errno the system last left.
     int call_errno = errno;
+    TransferProgress progress(stream, verify ? "read_verify" : "read", records);
     for (int64_t r = 0; r < records && go_on; ++r) {
         last_sector = block_seek;
         int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
@@ -106,6 +108,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
         }
         test_context.bytes_transferred += n;
         last_good = r;
+        progress.record(r + 1);
         if (r == 0) {
             report_record(stream, "read", size, block_seek, outcome.data);
         }
@@ -164,6 +167,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     }
     int64_t last_good = 0;
     int call_errno = 0;
+    TransferProgress progress(stream, "write", records);
     for (int64_t r = 0; r < records; ++r) {
         set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
         fill_record_pattern(io_buffer(), block_seek);
@@ -178,6 +182,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
         }
         test_context.bytes_transferred += n;
         last_good = r;
+        progress.record(r + 1);
         if (r == 0) {
             report_record(stream, "wrote", size, block_seek, buffer_identifier());
         }
@@ -194,6 +199,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
     int64_t records = 0;
     int call_errno = 0;
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
+    TransferProgress progress(stream, "random_read", records);
     for (int64_t r = 0; r < records; ++r) {
         int64_t sector = random_sector();
         int64_t sectors = next_running_value() % 10 + 1;
@@ -222,6 +228,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
             break;
         }
         test_context.bytes_transferred += n;
+        progress.record(r + 1);
         if (r == 0 || r == records - 1) {
             report_record(stream, "read", size, sector, outcome.data);
         }
@@ -233,6 +240,7 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
     int64_t records = 0;
     int call_errno = 0;
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
+    TransferProgress progress(stream, "random_write", records);
     for (int64_t r = 0; r < records; ++r) {
         int64_t sector = random_sector();
         int64_t size = std::min(sector_size, kBufferBytes);
@@ -259,6 +267,7 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
             break;
         }
         test_context.bytes_transferred += n;
+        progress.record(r + 1);
         if (r == 0 || r == records - 1) {
             report_record(stream, "wrote", size, sector, outcome.data);
         }

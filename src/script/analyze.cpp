@@ -2,6 +2,7 @@
 // result clause.
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <string_view>
 
@@ -40,7 +41,43 @@ std::string_view token_text(const char* line, const TokenList& tokens, int32_t i
     return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
 }
 
+// What the analysis of the current line wrote about its outcome and its
+// failed checks, kept for the batch runner to show beside the verdict.
+struct Reason {
+    char text[1024];
+    std::size_t used;
+};
+Reason reason;
+
+void remember(const char* text, std::size_t length) {
+    const std::size_t kept = std::min(length, sizeof reason.text - 1 - reason.used);
+    std::memcpy(reason.text + reason.used, text, kept);
+    reason.used += kept;
+    reason.text[reason.used] = '\0';
+}
+
+// Writes one line to the stream, byte for byte as fprintf would, and
+// remembers it as part of the reason.
+__attribute__((format(printf, 2, 3))) void report(FILE* stream, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (length >= 0 && static_cast<std::size_t>(length) < sizeof text) {
+        fputs(text, stream);
+        remember(text, static_cast<std::size_t>(length));
+    } else {
+        vfprintf(stream, format, again);  // too long to keep whole: the stream still gets all of it
+    }
+    va_end(again);
+}
+
 }  // namespace
+
+const char* analysis_reason() { return reason.text; }
 
 void ps_return_error(FILE* stream, int32_t* error_value, int32_t* residual) {
     const int number = errno;
@@ -87,7 +124,9 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
     // The errno of the command is judged, not one left by the printing below.
     const int command_errno = errno;
     ttrace(stream, "TTRACE: analyze entered (%s).\n", line);
-    fprintf(stream, "analyze return code %d  errno %d (%s) \n    error value %d (%s) residual %d data %d\n",
+    reason.used = 0;
+    reason.text[0] = '\0';
+    report(stream, "analyze return code %d  errno %d (%s) \n    error value %d (%s) residual %d data %d\n",
             return_code, error_number, errno_name(error_number), error_value, errno_name(error_value),
             residual, data);
     if (first <= 0) return 1;  // no result clause: shown, not judged
@@ -100,7 +139,7 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
         errno = command_errno;
         ps_return_error(stream, &error_value, &residual);
         const char* name = errno_name(error_value);
-        fprintf(stream, "analyze return_error cc %d (%s) %s\n", error_value, name, ps_strerror(error_value));
+        report(stream, "analyze return_error cc %d (%s) %s\n", error_value, name, ps_strerror(error_value));
     }
 
     bool failed = false;
@@ -109,7 +148,7 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
     for (int32_t t = first; t + 3 <= end; t += 3) {
         const FieldRule* rule = find_field(token_text(line, tokens, t));
         if (rule == nullptr) {
-            fprintf(stream, "analyze ERROR unexpected token\n");
+            report(stream, "analyze ERROR unexpected token\n");
             report_syntax_error();
             failed = true;
             continue;
@@ -131,7 +170,7 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
             case Field::data: actual = data; break;
         }
         if (as_expected(actual, line + tokens.start[t + 1], expected) == 0) {
-            fprintf(stream, "%s", rule->failure);
+            report(stream, "%s", rule->failure);
             failed = true;
         }
     }

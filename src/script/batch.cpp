@@ -68,6 +68,24 @@ void write_summary(FILE* output) {
     fprintf(output, "Batch test end rc=%d at time %s \n", c.result_code, ctime_text(end_time));
 }
 
+// For a tester at a terminal, the stopping line as the script has it and,
+// when a check failed there, what its analysis wrote: the reason stands beside
+// the verdict without opening the transcript. Control bytes of the line are
+// shown as "?", so a script cannot drive the terminal.
+void show_reason(const BatchLine& line) {
+    const TestContext& c = test_context;
+    char text[kLineBufferSize];
+    std::size_t length = strnlen(line.text, sizeof line.text - 1);
+    while (length > 0 && (line.text[length - 1] == ' ' || line.text[length - 1] == '\t')) --length;
+    for (std::size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(line.text[i]);
+        text[i] = byte < 0x20 || byte == 0x7f ? '?' : line.text[i];
+    }
+    text[length] = '\0';
+    fprintf(stderr, "Line %5d >>> %s\n", c.line_number, text);
+    if (c.failed_line > 0 && c.failed_line == c.line_number) fputs(analysis_reason(), stderr);
+}
+
 }  // namespace
 
 void newline_to_blank(char* buffer, std::size_t length) {
@@ -122,6 +140,7 @@ void batch_test_menu() {
         } else {
             printf("Test \"%s\" has failed.\n", c.batch_input_file);
         }
+        if (stderr_is_terminal()) show_reason(line);
     }
     fflush(output);
     fclose(input);

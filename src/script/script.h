@@ -60,6 +60,9 @@ void newline_to_blank(char* buffer, std::size_t length);
 int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t first, int32_t count,
             int32_t return_code, int32_t error_number, int32_t error_value, int32_t residual,
             int32_t data);
+// The lines the latest analysis wrote about the outcome and its failed checks,
+// as the transcript holds them; empty before any analysis.
+const char* analysis_reason();
 // relation points into the statement line at the relation token.
 int as_expected(int32_t actual, const char* relation, int32_t expected);
 const char* symbolic_value(const char* text, int32_t length);
