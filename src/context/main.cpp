@@ -6,9 +6,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "context/context.h"
 #include "context/output.h"
+#include "device/generator.h"
 #include "menu/menu.h"
 #include "script/script.h"
 #include "trace/trace.h"
@@ -107,7 +109,7 @@ int main(int argc, char** argv) {
     catch_stop_signals();
     setvbuf(stdout, nullptr, _IONBF, 0);
     reset_test_context();
-    srand(static_cast<unsigned>(time(nullptr)));
+    seed_running_sequence(static_cast<uint32_t>(time(nullptr)));
 
     if (argc > 1 && !read_command_line(argc, argv)) return kResultSyntaxError;
     if (test_context.input_file_given == 1 && output_is_input()) return kResultSyntaxError;

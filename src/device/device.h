@@ -61,8 +61,8 @@ extern int64_t last_sector;
 int64_t record_size();
 
 // Bytes 4..255 of a record: the pattern for that sector. One value is drawn
-// from the running rand() sequence first and reseeds it afterwards, so the
-// running sequence never continues from a pattern's seed.
+// from the running sequence (device/generator.h) first and reseeds it
+// afterwards, so the running sequence never continues from a pattern's seed.
 inline constexpr int32_t kPatternBegin = 4;
 inline constexpr int32_t kPatternEnd = 256;
 void fill_record_pattern(uint8_t* record, int64_t sector);
@@ -70,7 +70,7 @@ void fill_record_pattern(uint8_t* record, int64_t sector);
 // differs (its expected value in expected), or -1 when all 252 match.
 int32_t verify_record_pattern(const uint8_t* record, int64_t sector, uint8_t& expected);
 
-// Sector of a random transfer, 0..block_max, from the next rand() value.
+// Sector of a random transfer, 0..block_max, from the next running value.
 int64_t random_sector();
 
 // Copies n bytes, "." for anything outside 0x20..0x7e, and terminates;

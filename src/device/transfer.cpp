@@ -7,6 +7,7 @@
 #include "context/context.h"
 #include "device/data_commands.h"
 #include "device/device.h"
+#include "device/generator.h"
 #include "device/progress.h"
 #include "script/script.h"
 
@@ -210,7 +211,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
     for (int64_t r = 0; r < records; ++r) {
         if (stop_requested()) break;
         int64_t sector = random_sector();
-        int64_t sectors = rand() % 10 + 1;
+        int64_t sectors = next_running_value() % 10 + 1;
         // sector + sectors is never formed: it could pass INT64_MAX.
         if (sector >= block_max || block_max - sector <= sectors) sectors = 1;
         int64_t size = std::min(saturated_product(sectors, sector_size), kBufferBytes);

@@ -10,37 +10,109 @@
 #include <vector>
 
 #include "context/context.h"
+#include "device/generator.h"
 #include "support.h"
 
-// The pattern is drawn from a private generator; it must stay byte for byte
-// what srand(sector) and rand() give, or records of older runs stop verifying.
-// Filling and verifying take one draw of the running sequence and reseed it.
-TEST(RecordPattern, MatchesSrandAndRandForEverySeedClass) {
-    const int64_t sectors[] = {0, 1, 2, 31, 344, 2147483647, 2147483648LL, 4294967295LL, 0x100000005LL,
-                               -1, -2147483648LL, 0x7fffffffffffffffLL};
-    for (int64_t sector : sectors) {
-        srand(static_cast<unsigned>(sector));
-        std::vector<uint8_t> expected;
-        for (int i = 4; i < 256; ++i) expected.push_back(static_cast<uint8_t>(rand()));
-        srand(42);
-        unsigned after = static_cast<unsigned>(rand());
-        srand(after);
-        after = static_cast<unsigned>(rand());
-        uint8_t record[256] = {};
-        srand(42);
+namespace {
+
+// A scratch file opened as the device, with the variables at their start
+// values, for what a transcript cannot show.
+struct ScratchDevice {
+    char path[32] = "/tmp/tarnwick-data-XXXXXX";
+    ScratchDevice() {
+        test_context.device_handle = mkstemp(path);
+        sector_size = 512;
+        block_count = 1;
+        block_seek = 0;
+        block_max = 1000;  // every random sector lies inside the file
+        EXPECT_EQ(ftruncate(test_context.device_handle, 1001 * 512), 0);
+    }
+    ~ScratchDevice() {
+        close(test_context.device_handle);
+        test_context.device_handle = -1;
+        unlink(path);
+        block_max = 0;
+    }
+    static int32_t run(const char* clause, FILE* stream, CommandOutcome& outcome) {
+        Statement s(std::string("command ") + clause);
+        outcome = {};
+        execute_command(s.text.c_str(), stream, s.tokens, s.command + 1, s.count - s.command - 1, outcome);
+        return outcome.return_code;
+    }
+};
+
+// Where the seeding arithmetic changes (0, the modulus 2^31 - 1 and its
+// double, the sign bit), and 3000 more seeds spread over all 32 bits.
+std::vector<uint32_t> seeds() {
+    std::vector<uint32_t> s = {0u, 1u, 127773u, 2147483646u, 2147483647u, 2147483648u, 4294967294u, 4294967295u};
+    for (uint32_t i = 0; i < 3000; ++i) s.push_back(i * 1431655u + i * i * 7919u);
+    return s;
+}
+
+std::vector<int> library_values(uint32_t seed, size_t n) {
+    srand(seed);
+    std::vector<int> v(n);
+    for (int& x : v) x = rand();
+    return v;
+}
+
+}  // namespace
+
+// Records written by any run verify, and random sectors repeat, only while
+// the tool's generator gives what the C library's srand/rand give.
+TEST(Generator, RunningSequenceAndSeededBytesMatchTheLibrary) {
+    std::vector<int> running(3000);
+    std::vector<uint8_t> seeded(kSeededBytes);
+    for (uint32_t seed : seeds()) {
+        seed_running_sequence(seed);
+        for (int& v : running) v = next_running_value();
+        ASSERT_EQ(running, library_values(seed, running.size())) << seed;
+        seeded_low_bytes(seed, seeded.data());
+        std::vector<int> library = library_values(seed, kSeededBytes);
+        ASSERT_EQ(seeded, std::vector<uint8_t>(library.begin(), library.end())) << seed;
+    }
+}
+
+// Filling and verifying a record take one draw of the running sequence and
+// reseed it with that draw; a mismatch names its first byte.
+TEST(RecordPattern, SeededBySectorAndReseededByOneDraw) {
+    for (int64_t sector : {0LL, 2147483648LL, 0x100000005LL, -1LL, 0x7fffffffffffffffLL}) {
+        std::vector<int> expected = library_values(static_cast<uint32_t>(sector), 252);
+        const int after = library_values(static_cast<uint32_t>(library_values(42, 1)[0]), 1)[0];
+        uint8_t record[256] = {}, wanted = 0;
+        seed_running_sequence(42);
         fill_record_pattern(record, sector);
-        EXPECT_EQ(std::vector<uint8_t>(record + 4, record + 256), expected) << sector;
-        EXPECT_EQ(record[0], 0) << sector;  // the identifier is not the pattern's
-        EXPECT_EQ(static_cast<unsigned>(rand()), after) << sector;
-        uint8_t wanted = 0;
-        srand(42);
+        for (int i = 4; i < 256; ++i) ASSERT_EQ(record[i], static_cast<uint8_t>(expected[i - 4])) << sector;
+        EXPECT_EQ(next_running_value(), after) << sector;
+        seed_running_sequence(42);
         EXPECT_EQ(verify_record_pattern(record, sector, wanted), -1) << sector;
-        EXPECT_EQ(static_cast<unsigned>(rand()), after) << sector;
+        EXPECT_EQ(next_running_value(), after) << sector;
         record[100] ^= 0xff;
         record[200] ^= 0xff;
         EXPECT_EQ(verify_record_pattern(record, sector, wanted), 100) << sector;
-        EXPECT_EQ(wanted, expected[96]) << sector;
+        EXPECT_EQ(wanted, static_cast<uint8_t>(expected[96])) << sector;
     }
+}
+
+// The data commands' draws modelled with srand/rand: the running sequence
+// after them, and so every later random sector, is the library's.
+TEST(Generator, RunningSequenceAfterDataCommandsFollowsTheLibrary) {
+    ScratchDevice device;
+    CapturedStream out;
+    CommandOutcome outcome;
+    block_max = 100;
+    seed_running_sequence(2024);
+    EXPECT_EQ(ScratchDevice::run("write records = 3", out.stream, outcome), 512);
+    ScratchDevice::run("random_read blocks = 2", out.stream, outcome);
+    EXPECT_EQ(ScratchDevice::run("random_write blocks = 2", out.stream, outcome), 512);
+    block_seek = 0;
+    EXPECT_EQ(ScratchDevice::run("read_verify records = 3", out.stream, outcome), 512);
+    srand(2024);
+    for (int r = 0; r < 3; ++r) srand(static_cast<unsigned>(rand()));  // write: one draw, reseed
+    for (int r = 0; r < 4; ++r) rand();                                 // random_read: sector, length
+    for (int r = 0; r < 2; ++r) rand(), srand(static_cast<unsigned>(rand()));  // random_write
+    for (int r = 0; r < 3; ++r) srand(static_cast<unsigned>(rand()));  // read_verify
+    for (int r = 0; r < 3000; ++r) ASSERT_EQ(next_running_value(), rand()) << r;
 }
 
 // `set buffer` refuses an address inside the tool's own writable memory.
@@ -114,32 +186,6 @@ TEST(DeviceCapacity, FromTheBlockSizeRequests) {
 
 namespace {
 
-// A scratch file opened as the device, with the variables at their start
-// values, for what a transcript cannot show: when a signal lands, and
-// random sectors too far out to reproduce.
-struct ScratchDevice {
-    char path[32] = "/tmp/tarnwick-data-XXXXXX";
-    ScratchDevice() {
-        test_context.device_handle = mkstemp(path);
-        sector_size = 512;
-        block_count = 1;
-        block_seek = 0;
-        block_max = 1000;  // every random sector lies inside the file
-        EXPECT_EQ(ftruncate(test_context.device_handle, 1001 * 512), 0);
-    }
-    ~ScratchDevice() {
-        close(test_context.device_handle);
-        test_context.device_handle = -1;
-        unlink(path);
-        block_max = 0;
-    }
-    static void run(const char* clause, FILE* stream, CommandOutcome& outcome) {
-        Statement s(std::string("command ") + clause);
-        outcome = {};
-        execute_command(s.text.c_str(), stream, s.tokens, s.command + 1, s.count - s.command - 1, outcome);
-    }
-};
-
 // Raises SIGINT as it takes the first record's report line.
 ssize_t raise_stop(void*, const char*, size_t size) {
     raise(SIGINT);
@@ -175,7 +221,7 @@ TEST(RandomSector, OffsetBeyond64BitsFailsToSeek) {
     for (const char* clause : {"random_write blocks = 1", "random_read blocks = 1"}) {
         CapturedStream out;
         CommandOutcome outcome;
-        srand(1);  // the first draw lands far above INT64_MAX / 512
+        seed_running_sequence(1);  // the first draw lands far above INT64_MAX / 512
         ScratchDevice::run(clause, out.stream, outcome);
         EXPECT_EQ(outcome.return_code, -1) << clause;
         EXPECT_EQ(outcome.error_number, EOVERFLOW) << clause;
