@@ -23,14 +23,14 @@ void set_inquiry_defaults(DeviceConfig& device, int number) {
     std::memset(device.inquiry, 0, sizeof device.inquiry);
     device.inquiry[2] = 0x05;                  // SPC-3
     device.inquiry[3] = 0x02;                  // response data format
-    device.inquiry[4] = kInquiryBytes - 5;     // additional length
+    device.inquiry[4] = sizeof(InquiryData) - 5;  // additional length
     device.inquiry[7] = 0x02;                  // command queuing
-    copy_padded(device.inquiry + 8, 8, "NEWCO");
-    copy_padded(device.inquiry + 16, 16, "VDISK-2107");
-    copy_padded(device.inquiry + 32, 4, "1.00");
+    copy_padded(device.inquiry + kInquiryVendorOffset, 8, "NEWCO");
+    copy_padded(device.inquiry + kInquiryProductOffset, 16, "VDISK-2107");
+    copy_padded(device.inquiry + kInquiryRevisionOffset, 4, "1.00");
     char specific[21];
     std::snprintf(specific, sizeof specific, "SIM-VPATH-%010d", number);
-    copy_padded(device.inquiry + 36, 20, specific);
+    copy_padded(device.inquiry + kInquiryVendorSpecificOffset, 20, specific);
 }
 
 void new_device(Topology& topology) {
@@ -95,13 +95,13 @@ bool device_key(DeviceConfig& device, const std::string& key, const std::string&
         if (!parse_int(value, 0, 255, &number)) return *error = "devtype must be 0 to 255", false;
         device.inquiry[0] = static_cast<uint8_t>(number);
     } else if (key == "vendor") {
-        copy_padded(device.inquiry + 8, 8, value);
+        copy_padded(device.inquiry + kInquiryVendorOffset, 8, value);
     } else if (key == "product") {
-        copy_padded(device.inquiry + 16, 16, value);
+        copy_padded(device.inquiry + kInquiryProductOffset, 16, value);
     } else if (key == "revision") {
-        copy_padded(device.inquiry + 32, 4, value);
+        copy_padded(device.inquiry + kInquiryRevisionOffset, 4, value);
     } else if (key == "vendor_specific") {
-        copy_padded(device.inquiry + 36, 20, value);
+        copy_padded(device.inquiry + kInquiryVendorSpecificOffset, 20, value);
     } else {
         return *error = "unknown device key '" + key + "'", false;
     }
@@ -148,7 +148,7 @@ bool parse_config(const std::string& text, Topology* out, std::string* error) {
         if (word == "adapter") {
             std::string name;
             if (!(words >> name)) return fail("adapter needs a name");
-            if (topology.adapter_count == kMaxAdapters) return fail("too many adapters");
+            if (topology.adapter_count == kMaxAdapterEntries) return fail("too many adapters");
             copy_text(topology.adapter_names[topology.adapter_count++], 16, name);
             if (words >> word) return fail("unexpected '" + word + "'");
         } else if (word == "device") {
@@ -170,7 +170,7 @@ bool parse_config(const std::string& text, Topology* out, std::string* error) {
                 return fail("path needs a name and adapter=N");
             if (!parse_int(adapter.substr(8), 0, topology.adapter_count - 1, &index))
                 return fail("path names an adapter that is not declared");
-            if (device.path_count == kMaxPaths) return fail("too many paths");
+            if (device.path_count == kMaxPathEntries) return fail("too many paths");
             PathConfig& path = device.paths[device.path_count++];
             path.adapter = static_cast<int32_t>(index);
             copy_text(path.name, sizeof path.name, name);

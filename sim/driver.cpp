@@ -75,7 +75,8 @@ bool valid_layout(const SharedState& s) {
     const Topology& t = s.topology;
     if (std::memcmp(s.magic, kMagic, sizeof kMagic) != 0 || s.version != kVersion || s.size != sizeof(SharedState))
         return false;
-    if (t.device_count < 1 || t.device_count > kMaxDevices || t.adapter_count < 1 || t.adapter_count > kMaxAdapters)
+    if (t.device_count < 1 || t.device_count > kMaxDevices || t.adapter_count < 1 ||
+        t.adapter_count > kMaxAdapterEntries)
         return false;
     // Names are printed with %s and copied as strings: they must end inside
     // their fields, whatever the file holds.
@@ -85,9 +86,10 @@ bool valid_layout(const SharedState& s) {
     for (int d = 0; d < t.device_count; ++d) {
         const DeviceConfig& device = t.devices[d];
         if (!terminated(device.serial, sizeof device.serial)) return false;
-        for (int p = 0; p < kMaxPaths; ++p)
+        for (int p = 0; p < kMaxPathEntries; ++p)
             if (!terminated(device.paths[p].name, sizeof device.paths[p].name)) return false;
-        if (device.path_count < 1 || device.path_count > kMaxPaths || device.size % kSectorSize != 0) return false;
+        if (device.path_count < 1 || device.path_count > kMaxPathEntries || device.size % kSectorSize != 0)
+            return false;
         for (int p = 0; p < device.path_count; ++p)
             if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;
     }
@@ -225,7 +227,7 @@ int Sim::remaining_paths(int device) const {
 void Sim::trace(const char* format, ...) {
     TraceTable& table = state_->trace;
     uint32_t flags = table.flags;
-    if ((flags & (kTraceCc | kTracePs)) == 0 || (flags & kTracePause) != 0) return;
+    if ((flags & (TRACE_CC | TRACE_PS)) == 0 || (flags & TRACE_PAUSE) != 0) return;
     char text[253];
     va_list args;
     va_start(args, format);
@@ -233,9 +235,9 @@ void Sim::trace(const char* format, ...) {
     va_end(args);
     if (n < 0) return;
     uint32_t length = std::min<uint32_t>(static_cast<uint32_t>(n), sizeof text - 1);
-    uint32_t needed = std::strncmp(text, "ENTRY", 5) == 0  ? kTraceEntry
-                      : std::strncmp(text, "EXIT", 4) == 0 ? kTraceExit
-                                                           : kTraceDebug;
+    uint32_t needed = std::strncmp(text, "ENTRY", 5) == 0  ? TRACE_ENTRY
+                      : std::strncmp(text, "EXIT", 4) == 0 ? TRACE_EXIT
+                                                           : TRACE_DEBUG;
     if ((flags & needed) == 0) return;
     uint32_t total = length + 3;
     while (table.used + total > kTraceTableSize && table.entries > 0) {
@@ -325,22 +327,22 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
 int Sim::request(uint32_t code, void* record) {
     SimLock guard(*this);
     if (!guard.held()) return errno = EIO, -1;
-    if (code != kTrace) trace("ENTRY vpath_ioctl 0x%04x\n", code);
+    if (code != DD_TRACE) trace("ENTRY vpath_ioctl 0x%04x\n", code);
     int rc;
     switch (code) {
-        case kTrace: rc = trace_request(record); break;
-        case kGetNumberDevices: rc = get_number_devices(record); break;
-        case kGetAdapterInfo: rc = get_adapter_info(record); break;
-        case kGetDeviceState: rc = get_device_state(record); break;
-        case kSetPath: rc = set_path(record); break;
-        case kSetAdapter: rc = set_adapter(record); break;
-        case kGetInquiry: rc = get_inquiry(record); break;
-        case kGetDevStats: rc = get_dev_stats(record); break;
-        case kGetAdapterStats: rc = get_adapter_stats(record); break;
-        case kSetController: rc = set_controller(record); break;
+        case DD_TRACE: rc = trace_request(record); break;
+        case DD_GET_NUMBER_DEVICES: rc = get_number_devices(record); break;
+        case DD_GET_ADAPTER_INFO: rc = get_adapter_info(record); break;
+        case DD_GET_DEVICE_STATE: rc = get_device_state(record); break;
+        case DD_SET_PATH: rc = set_path(record); break;
+        case DD_SET_ADAPTER: rc = set_adapter(record); break;
+        case DD_GET_INQUIRY: rc = get_inquiry(record); break;
+        case DD_GET_DEV_STATS: rc = get_dev_stats(record); break;
+        case DD_GET_ADAPTER_STATS: rc = get_adapter_stats(record); break;
+        case DD_SET_CONTROLLER: rc = set_controller(record); break;
         default: rc = ENOTTY; break;
     }
-    if (code != kTrace) trace("EXIT vpath_ioctl 0x%04x rc %d\n", code, rc == 0 ? 0 : -rc);
+    if (code != DD_TRACE) trace("EXIT vpath_ioctl 0x%04x rc %d\n", code, rc == 0 ? 0 : -rc);
     if (rc != 0) {
         errno = rc;
         return -1;
@@ -379,8 +381,8 @@ int finish(void* user, Record& record, int32_t status, int error) {
 int Sim::get_number_devices(void* user) {
     DeviceCountRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
-    record.count = state_->topology.device_count;
-    return finish(user, record, kSuccess, 0);
+    record.number_of_devices = state_->topology.device_count;
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::get_adapter_info(void* user) {
@@ -388,7 +390,7 @@ int Sim::get_adapter_info(void* user) {
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     const Topology& topology = state_->topology;
     std::memset(record.entries, 0, sizeof record.entries);
-    record.count = topology.adapter_count;
+    record.entry_count = topology.adapter_count;
     for (int a = 0; a < topology.adapter_count; ++a) {
         AdapterEntry& entry = record.entries[a];
         const AdapterRuntime& runtime = state_->adapters[a];
@@ -409,22 +411,22 @@ int Sim::get_adapter_info(void* user) {
         entry.error_count = runtime.errors;
         std::memcpy(entry.name, topology.adapter_names[a], sizeof entry.name);
     }
-    return finish(user, record, kSuccess, 0);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::get_device_state(void* user) {
     DeviceStateRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     int d = record.device;
-    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kDeviceNotFound, ENODEV);
+    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kStatusDeviceNotFound, ENODEV);
     const DeviceConfig& config = state_->topology.devices[d];
     const DeviceRuntime& runtime = state_->devices[d];
     char name[32];
     std::snprintf(name, sizeof name, "vpath%d", d);
-    std::memset(record.name, 0, sizeof record.name);
-    std::memcpy(record.name, name, std::min(std::strlen(name), sizeof record.name - 1));
-    std::memcpy(record.serial, config.serial, sizeof record.serial);
-    std::memcpy(record.type, config.type, sizeof record.type);
+    std::memset(record.device_name, 0, sizeof record.device_name);
+    std::memcpy(record.device_name, name, std::min(std::strlen(name), sizeof record.device_name - 1));
+    std::memcpy(record.serial_number, config.serial, sizeof record.serial_number);
+    std::memcpy(record.device_type, config.type, sizeof record.device_type);
     record.policy = config.policy;
     record.path_count = static_cast<uint32_t>(config.path_count);
     record.remaining_paths = remaining_paths(d);
@@ -434,9 +436,9 @@ int Sim::get_device_state(void* user) {
         PathEntry& entry = record.paths[p];
         const PathRuntime& path = runtime.paths[p];
         const AdapterRuntime& adapter = state_->adapters[config.paths[p].adapter];
-        entry.adapter = config.paths[p].adapter;
-        std::memcpy(entry.name, config.paths[p].name, sizeof entry.name);
-        std::memcpy(entry.adapter_name, state_->topology.adapter_names[entry.adapter], 16);
+        entry.adapter_number = config.paths[p].adapter;
+        std::memcpy(entry.path_name, config.paths[p].name, sizeof entry.path_name);
+        std::memcpy(entry.adapter_name, state_->topology.adapter_names[entry.adapter_number], 16);
         entry.state = path.failed || adapter.failed     ? kPathDead
                       : path.offline || adapter.offline ? kPathClosed
                                                         : kPathOpen;
@@ -444,35 +446,37 @@ int Sim::get_device_state(void* user) {
         entry.times_used = path.times_used;
         entry.recovered_errors = path.recovered_errors;
     }
-    return finish(user, record, kSuccess, 0);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::set_path(void* user) {
     SetPathRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     int d = record.device;
-    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kDeviceNotFound, ENODEV);
+    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kStatusDeviceNotFound, ENODEV);
     int p = record.path;
-    if (p < 0 || p >= state_->topology.devices[d].path_count || (record.state != 1 && record.state != 2))
-        return finish(user, record, kInvalidParameter, EINVAL);
+    if (p < 0 || p >= state_->topology.devices[d].path_count ||
+        (record.state != kStateOnline && record.state != kStateOffline))
+        return finish(user, record, kStatusInvalidParameter, EINVAL);
     PathRuntime& path = state_->devices[d].paths[p];
-    if (record.state == 2 && path_functions(d, p) && remaining_paths(d) == 1) {
+    if (record.state == kStateOffline && path_functions(d, p) && remaining_paths(d) == 1) {
         trace("vpath%d path %d stays online: last path\n", d, p);
-        return finish(user, record, kLastPath, 0);
+        return finish(user, record, kStatusLastPath, 0);
     }
-    path.offline = record.state == 2;
+    path.offline = record.state == kStateOffline;
     trace("vpath%d path %d set %s\n", d, p, path.offline ? "offline" : "online");
-    return finish(user, record, kSuccess, 0);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::set_adapter(void* user) {
     SetAdapterRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     int a = record.adapter;
-    if (a < 0 || a >= state_->topology.adapter_count) return finish(user, record, kInvalidAdapter, EINVAL);
-    if (record.state != 1 && record.state != 2) return finish(user, record, kInvalidParameter, EINVAL);
+    if (a < 0 || a >= state_->topology.adapter_count) return finish(user, record, kStatusInvalidAdapter, EINVAL);
+    if (record.state != kStateOnline && record.state != kStateOffline)
+        return finish(user, record, kStatusInvalidParameter, EINVAL);
     AdapterRuntime& adapter = state_->adapters[a];
-    if (record.state == 2 && !adapter.offline) {
+    if (record.state == kStateOffline && !adapter.offline) {
         // Refused when some device would be left without a functioning path.
         const Topology& topology = state_->topology;
         for (int d = 0; d < topology.device_count; ++d) {
@@ -483,44 +487,48 @@ int Sim::set_adapter(void* user) {
             }
             if (here > 0 && elsewhere == 0) {
                 trace("adapter %d stays online: last path of vpath%d\n", a, d);
-                return finish(user, record, kLastPath, 0);
+                return finish(user, record, kStatusLastPath, 0);
             }
         }
     }
-    adapter.offline = record.state == 2;
+    adapter.offline = record.state == kStateOffline;
     trace("adapter %d set %s\n", a, adapter.offline ? "offline" : "online");
-    return finish(user, record, kSuccess, 0);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::get_inquiry(void* user) {
     InquiryRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     int d = record.device;
-    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kDeviceNotFound, ENODEV);
-    std::memcpy(record.data, state_->topology.devices[d].inquiry, sizeof record.data);
-    return finish(user, record, kSuccess, 0);
+    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kStatusDeviceNotFound, ENODEV);
+    std::memcpy(&record.data, state_->topology.devices[d].inquiry, sizeof record.data);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::get_dev_stats(void* user) {
     DeviceStatsRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     int d = record.device;
-    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kDeviceNotFound, ENODEV);
+    if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kStatusDeviceNotFound, ENODEV);
     const DeviceRuntime& runtime = state_->devices[d];
     record.io = runtime.io;
     record.sectors = runtime.sectors;
-    std::memcpy(record.sizes, runtime.sizes, sizeof record.sizes);
-    return finish(user, record, kSuccess, 0);
+    record.up_to_512 = runtime.sizes[0];
+    record.up_to_4k = runtime.sizes[1];
+    record.up_to_16k = runtime.sizes[2];
+    record.up_to_64k = runtime.sizes[3];
+    record.over_64k = runtime.sizes[4];
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::get_adapter_stats(void* user) {
     AdapterStatsRecord record{};
     if (!copy_from_user(&record, user, sizeof record)) return EFAULT;
     int a = record.adapter;
-    if (a < 0 || a >= state_->topology.adapter_count) return finish(user, record, kInvalidAdapter, EINVAL);
+    if (a < 0 || a >= state_->topology.adapter_count) return finish(user, record, kStatusInvalidAdapter, EINVAL);
     record.io = state_->adapters[a].io;
     record.sectors = state_->adapters[a].sectors;
-    return finish(user, record, kSuccess, 0);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::set_controller(void* user) {
@@ -529,12 +537,12 @@ int Sim::set_controller(void* user) {
     const Topology& topology = state_->topology;
     int d = record.device;
     // -1 addresses every device (the preferred-controller item uses it).
-    if (d < -1 || d >= topology.device_count) return finish(user, record, kDeviceNotFound, ENODEV);
+    if (d < -1 || d >= topology.device_count) return finish(user, record, kStatusDeviceNotFound, ENODEV);
     int first = d < 0 ? 0 : d, last = d < 0 ? topology.device_count - 1 : d;
     for (int i = first; i <= last; ++i) {
         if (record.controller < 0 || record.controller >= topology.devices[i].controllers || record.action < 1 ||
             record.action > 3)
-            return finish(user, record, kInvalidParameter, EINVAL);
+            return finish(user, record, kStatusInvalidParameter, EINVAL);
     }
     for (int i = first; i <= last; ++i) {
         DeviceRuntime& runtime = state_->devices[i];
@@ -542,7 +550,7 @@ int Sim::set_controller(void* user) {
         if (record.action == 3) runtime.preferred_controller = record.controller;
         trace("vpath%d controller %d action %d\n", i, record.controller, record.action);
     }
-    return finish(user, record, kSuccess, 0);
+    return finish(user, record, kStatusSuccess, 0);
 }
 
 int Sim::trace_request(void* user) {
@@ -551,13 +559,13 @@ int Sim::trace_request(void* user) {
     TraceTable& table = state_->trace;
     int error = 0;
     switch (record.command) {
-        case kTraceGetFlags: break;
-        case kTraceSetFlags: table.flags = record.flags & kTraceKnownFlags; break;
-        case kTraceClear:
+        case DD_TRACE_GET_FLAGS: break;
+        case DD_TRACE_SET_FLAGS: table.flags = record.flags & kTraceKnownFlags; break;
+        case DD_TRACE_CLEAR:
             table.used = table.entries = table.last_offset = table.total_entries = table.lap_count = 0;
             break;
-        case kTraceReport: {
-            uint32_t limit = std::min(record.bytes_requested, kReportEntryArea);
+        case DD_TRACE_REPORT: {
+            uint32_t limit = std::min(record.bytes_requested, kTraceDumpCountOffset);
             uint32_t offset = 0, count = 0;
             while (offset < table.used) {
                 uint32_t length = std::strtoul(std::string(reinterpret_cast<char*>(table.bytes + offset), 2).c_str(),
@@ -571,16 +579,16 @@ int Sim::trace_request(void* user) {
                 error = EFAULT;
                 break;
             }
-            if ((table.flags & kTraceDump) != 0 && record.bytes_requested > kReportDumpOffset) {
-                char dump[kReportDumpMax];
+            if ((table.flags & TRACE_DUMP) != 0 && record.bytes_requested > kTraceDumpBytesOffset) {
+                char dump[kTraceRawSize - kTraceDumpBytesOffset];
                 int n = std::snprintf(dump, sizeof dump,
                                       "vpathsim dump: devices %d adapters %d flags 0x%04x entries %u used %u\n",
                                       state_->topology.device_count, state_->topology.adapter_count, table.flags,
                                       table.entries, table.used);
                 uint64_t bytes = std::min<uint64_t>({static_cast<uint64_t>(std::max(n, 0)), sizeof dump,
-                                                     record.bytes_requested - kReportDumpOffset});
-                if (!copy_to_user(raw + kReportDumpCountOffset, &bytes, sizeof bytes) ||
-                    !copy_to_user(raw + kReportDumpOffset, dump, bytes)) {
+                                                     record.bytes_requested - kTraceDumpBytesOffset});
+                if (!copy_to_user(raw + kTraceDumpCountOffset, &bytes, sizeof bytes) ||
+                    !copy_to_user(raw + kTraceDumpBytesOffset, dump, bytes)) {
                     error = EFAULT;
                     break;
                 }

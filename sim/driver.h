@@ -12,7 +12,7 @@
 #include <string>
 
 #include "faults.h"
-#include "records.h"
+#include "vpath/vpath_ioctl.h"
 
 namespace vpathsim {
 
@@ -33,15 +33,15 @@ struct DeviceConfig {
     uint32_t policy;
     int32_t controllers;
     uint64_t size;
-    uint8_t inquiry[kInquiryBytes];
+    uint8_t inquiry[sizeof(InquiryData)];
     int32_t path_count;
-    PathConfig paths[kMaxPaths];
+    PathConfig paths[kMaxPathEntries];
 };
 
 struct Topology {
     int32_t device_count;
     int32_t adapter_count;
-    char adapter_names[kMaxAdapters][16];
+    char adapter_names[kMaxAdapterEntries][16];
     DeviceConfig devices[kMaxDevices];
 };
 
@@ -53,7 +53,7 @@ struct PathRuntime {
 };
 
 struct DeviceRuntime {
-    PathRuntime paths[kMaxPaths];
+    PathRuntime paths[kMaxPathEntries];
     int32_t last_path;
     StatsRow io;
     StatsRow sectors;
@@ -94,7 +94,7 @@ struct SharedState {
     uint32_t size;
     Topology topology;
     DeviceRuntime devices[kMaxDevices];
-    AdapterRuntime adapters[kMaxAdapters];
+    AdapterRuntime adapters[kMaxAdapterEntries];
     int32_t injected_count;
     InjectedSector injected[kMaxInjected];
     TraceTable trace;

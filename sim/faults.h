@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "records.h"
+#include "vpath/vpath_ioctl.h"
 
 namespace vpathsim {
 
@@ -57,7 +57,7 @@ struct ScheduledFault {
 };
 
 struct FaultTable {
-    PathFaults paths[kFaultDevices][kMaxPaths];
+    PathFaults paths[kFaultDevices][kMaxPathEntries];
     int32_t scheduled_count;
     ScheduledFault scheduled[kMaxScheduled];
 };

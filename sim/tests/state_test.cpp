@@ -36,8 +36,8 @@ TEST(Config, NonsenseIsRefusedWithItsLine) {
         {"adapter a\ndevice colour=red\n", "line 2: unknown device key 'colour'"},
         {"adapter a\ndevice serial\n", "line 2: expected key=value, got 'serial'"},
         {"disk 0\n", "line 1: unknown keyword 'disk'"},
-        {repeat("adapter a\n", kMaxAdapters + 1), "line 33: too many adapters"},
-        {"adapter a\ndevice\n" + repeat("path p adapter=0\n", kMaxPaths + 1), "line 35: too many paths"},
+        {repeat("adapter a\n", kMaxAdapterEntries + 1), "line 33: too many adapters"},
+        {"adapter a\ndevice\n" + repeat("path p adapter=0\n", kMaxPathEntries + 1), "line 35: too many paths"},
         {"adapter a\n" + repeat("device\npath p adapter=0\n", kMaxDevices + 1), "line 34: too many devices"},
     };
     for (const auto& [text, expected] : cases) {
@@ -83,7 +83,7 @@ TEST_F(State, ConcurrentProcessesLoseNoCounts) {
     }
     DeviceStatsRecord stats{};
     stats.device = 1;
-    ASSERT_EQ(sim.request(kGetDevStats, &stats), 0);
+    ASSERT_EQ(sim.request(DD_GET_DEV_STATS, &stats), 0);
     EXPECT_EQ(stats.io.total_read, 300u);
     EXPECT_EQ(stats.io.total_write, 300u);
 }
@@ -105,8 +105,8 @@ TEST_F(State, CorruptStateIsRebuilt) {
     std::fseek(f, 16, SEEK_SET), std::fwrite(&hostile, sizeof hostile, 1, f), std::fclose(f);
     Sim sim;
     DeviceCountRecord count{};
-    ASSERT_EQ(attach(sim).request(kGetNumberDevices, &count), 0);
-    EXPECT_EQ(count.count, 2);
+    ASSERT_EQ(attach(sim).request(DD_GET_NUMBER_DEVICES, &count), 0);
+    EXPECT_EQ(count.number_of_devices, 2);
 }
 
 // A fault table that names what the topology lacks is started over rather
@@ -138,7 +138,7 @@ TEST_F(State, CountsUsedAsBoundsAreCheckedOnLoad) {
     attach(sim);
     for (const auto& corrupt : corruptions) {
         SetPathRecord offline{-1, 0, 0, 2};
-        ASSERT_EQ(sim.request(kSetPath, &offline), 0);
+        ASSERT_EQ(sim.request(DD_SET_PATH, &offline), 0);
         corrupt(*sim.state());
         Sim other;
         EXPECT_EQ(attach(other).state()->devices[0].paths[0].offline, 0);
@@ -154,14 +154,14 @@ TEST_F(State, CutShortFailsRequestsWithEio) {
     ASSERT_EQ(truncate((dir_ + "/state").c_str(), 100), 0);
     DeviceCountRecord count{};
     errno = 0;
-    EXPECT_EQ(sim.request(kGetNumberDevices, &count), -1);
+    EXPECT_EQ(sim.request(DD_GET_NUMBER_DEVICES, &count), -1);
     EXPECT_EQ(errno, EIO);
     errno = 0;
     EXPECT_EQ(sim.transfer(0, true, 0, 512, [] { return ssize_t{512}; }), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_TRUE(sim.lost());
     ASSERT_EQ(truncate((dir_ + "/state").c_str(), sizeof(SharedState)), 0);
-    EXPECT_EQ(sim.request(kGetNumberDevices, &count), 0);
+    EXPECT_EQ(sim.request(DD_GET_NUMBER_DEVICES, &count), 0);
     EXPECT_FALSE(sim.lost());
 }
 

@@ -5,8 +5,13 @@
 #include "driver/driver.h"
 
 const ValueName completion_status_names[] = {
-    {0, "Success"},          {1, "Illegal Request"},   {2, "Invalid Adapter"}, {3, "Device Not Found"},
-    {4, "Invalid Parameter"}, {5, "Last Path"},         {0, "Error"},
+    {kStatusSuccess, "Success"},
+    {kStatusIllegalRequest, "Illegal Request"},
+    {kStatusInvalidAdapter, "Invalid Adapter"},
+    {kStatusDeviceNotFound, "Device Not Found"},
+    {kStatusInvalidParameter, "Invalid Parameter"},
+    {kStatusLastPath, "Last Path"},
+    {0, "Error"},
 };
 
 const ValueName path_policy_names[] = {
@@ -14,13 +19,15 @@ const ValueName path_policy_names[] = {
     {5, "Optimized Sequential"}, {6, "Single Path"},       {7, "Reserve Policy"}, {0, "Error"},
 };
 
-const ValueName path_state_names[] = {{0, "Closed"}, {1, "Open"}, {2, "Dead"}, {0, "Error"}};
+const ValueName path_state_names[] = {{kPathClosed, "Closed"}, {kPathOpen, "Open"}, {kPathDead, "Dead"}, {0, "Error"}};
 
-const ValueName path_mode_names[] = {{0, "Normal"}, {1, "Manual Offline"}, {0, "Error"}};
+const ValueName path_mode_names[] = {{kPathNormal, "Normal"}, {kPathManualOffline, "Manual Offline"}, {0, "Error"}};
 
-const ValueName adapter_state_names[] = {{0, "Normal"}, {1, "Degraded"}, {2, "Failed"}, {0, "Error"}};
+const ValueName adapter_state_names[] = {
+    {kAdapterNormal, "Normal"}, {kAdapterDegraded, "Degraded"}, {kAdapterFailed, "Failed"}, {0, "Error"}};
 
-const ValueName adapter_mode_names[] = {{0, "Active"}, {1, "Manual Offline"}, {0, "Error"}};
+const ValueName adapter_mode_names[] = {
+    {kAdapterActive, "Active"}, {kAdapterManualOffline, "Manual Offline"}, {0, "Error"}};
 
 namespace {
 // A report line shows at most two looked-up values (state and mode); a few
