@@ -289,6 +289,10 @@ bool run_case(const Case& c, const Options& o, const std::string& scratch, RunRe
             return false;
         }
     }
+    if (run == nullptr) {
+        *error = "no --- run section";
+        return false;
+    }
     bool sim = false;
     std::string config;
     for (size_t at = 0; at < run->argument.size();) {
@@ -343,6 +347,7 @@ bool run_case(const Case& c, const Options& o, const std::string& scratch, RunRe
         setenv("PATH", path.c_str(), 1);
         setenv("LC_ALL", "C", 1);
         std::vector<char*> argv;
+        argv.reserve(args.size() + 1);
         for (std::string& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         execv(argv[0], argv.data());

@@ -59,7 +59,7 @@ void format_time_left(char* out, std::size_t size, double seconds) {
         snprintf(out, size, "--:--");
         return;
     }
-    const auto s = static_cast<long>(seconds + 0.5);
+    const long s = std::lround(seconds);
     if (s < 3600) {
         snprintf(out, size, "%ld:%02ld", s / 60, s % 60);
     } else {
