@@ -10,7 +10,8 @@
 #include <cstring>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "script/script.h"
 
 namespace {
 

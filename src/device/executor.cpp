@@ -8,7 +8,9 @@
 
 #include "context/context.h"
 #include "device/data_commands.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/executor.h"
+#include "device/variables.h"
 #include "driver/driver.h"
 
 namespace {
@@ -197,8 +199,6 @@ bool device_state_fits(Needs needs) {
 }
 
 }  // namespace
-
-int64_t record_size() { return saturated_product(block_count, sector_size); }
 
 int execute_command(const char* line, FILE* stream, const TokenList& tokens, int32_t name_index,
                     int32_t count, CommandOutcome& outcome) {

@@ -6,7 +6,8 @@
 
 #include "context/context.h"
 #include "device/data_commands.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/variables.h"
 #include "device/generator.h"
 #include "device/progress.h"
 #include "script/script.h"

@@ -9,7 +9,7 @@
 #include <cstdio>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/executor.h"
 
 // ---- request opcodes ----
 // Plain 16-bit numbers: type byte 'd' and the request number, with no size

@@ -45,13 +45,9 @@ void fprintf_inquiry_data(FILE* stream, const uint8_t* data) {
     fputs("\n  vendor specific: \n", stream);
 
     fputs("    ", stream);
+    for (const uint8_t byte : inquiry.vendor_specific) fprintf(stream, " %2x", byte);
     char printable[sizeof inquiry.vendor_specific + 1];
-    for (std::size_t i = 0; i < sizeof inquiry.vendor_specific; ++i) {
-        const uint8_t byte = inquiry.vendor_specific[i];
-        fprintf(stream, " %2x", byte);
-        printable[i] = (byte >= 0x20 && byte <= 0x7e) ? static_cast<char>(byte) : '.';
-    }
-    printable[sizeof inquiry.vendor_specific] = '\0';
+    printable_copy(inquiry.vendor_specific, printable, static_cast<int32_t>(sizeof inquiry.vendor_specific));
     fputc('\n', stream);
     fprintf(stream, "     (%s) \n", printable);
     ttrace(stream, "TTRACE: fprintf_inquiry_data exit.\n");

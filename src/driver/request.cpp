@@ -1,6 +1,7 @@
 #include "driver/request.h"
 
 #include "context/context.h"
+#include "device/access.h"
 
 int send_request(FILE* stream, uint32_t opcode, void* record, int64_t length) {
     return ps_ddioctl(stream, test_context.device_handle, opcode, select_buffer(record), length);

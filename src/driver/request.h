@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "device/device.h"
+#include "device/executor.h"
 
 // Sends a request on the open device. The driver gets the armed one-shot
 // address override in place of the record when there is one; the report is

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
 #include "script/errno_table.h"
 #include "script/script.h"
 
@@ -35,10 +35,6 @@ const FieldRule* find_field(std::string_view token) {
         if (token.substr(0, rule.keyword.size()) == rule.keyword) return &rule;
     }
     return nullptr;
-}
-
-std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
-    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
 }
 
 // What the analysis of the current line wrote about its outcome and its

@@ -39,10 +39,6 @@ constexpr ComparisonName kComparisons[] = {
     {"!has", Comparison::has_not},
 };
 
-std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
-    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
-}
-
 // The value starts at the value token: 'quoted', "quoted", '"quoted" (so a
 // value may hold a single quote) or bare up to a blank. Its first character
 // is always taken, even a closing quote; it never runs past the line's end.

@@ -8,7 +8,8 @@
 #include <cstring>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/executor.h"
+#include "device/variables.h"
 #include "script/errno_table.h"
 #include "script/script.h"
 

@@ -15,6 +15,11 @@ struct TokenList {
     int32_t length[kMaxTokens];
 };
 
+// The text of token index of line.
+inline std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
+    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
+}
+
 enum class StatementKind : int32_t {
     none = 0,
     command = 1,

@@ -3,7 +3,8 @@
 #include <string_view>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/executor.h"
 #include "trace/trace.h"
 
 TraceState trace_state;
