@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "device/access.h"
 #include "script/script.h"
 
 // The command clause of one statement: token 0 is the command name. Tokens
@@ -26,6 +27,17 @@ struct CommandClause {
 // A keyword argument matches when the token begins with the keyword.
 bool keyword_matches(std::string_view token, std::string_view keyword);
 
+// The value of a call the command made; the errno the call left becomes
+// the one the command leaves (CommandOutcome::last_errno).
+template <typename Value>
+Value note_result(CommandOutcome& outcome, const AccessResult<Value>& result) {
+    outcome.last_errno = result.error_number;
+    return result.value;
+}
+
+// Runs the command clause into outcome; on return the process's errno is
+// the one outcome leaves, for a later command that fails without a failed
+// call of its own.
 int execute_command(const char* line, FILE* stream, const TokenList& tokens, int32_t name_index,
                     int32_t count, CommandOutcome& outcome);
 

@@ -16,7 +16,7 @@ void get_inquiry(FILE* stream, const CommandClause& clause, CommandOutcome& outc
     keyword_argument(stream, clause, 1, "device", "get device state", record.device);
     // An armed address override is meant for a data transfer or another
     // request; the inquiry always uses its own record.
-    outcome.return_code = send_request_own_record(stream, DD_GET_INQUIRY, &record, kInquiryTraceLength);
+    send_request_own_record(stream, outcome, DD_GET_INQUIRY, &record, kInquiryTraceLength);
     if (outcome.return_code == -1) {
         fputs("tarnwick error getting logical inquiry\n", stream);
         return;

@@ -372,7 +372,7 @@ Flow carry_out(int32_t number) {
 void close_open_device() {
     if (test_context.device_handle == -1) return;
     ttrace(stdout, "TTRACE: calling ps_close. \n");
-    int rc = ps_close(test_context.device_handle);
+    int rc = ps_close(test_context.device_handle).value;
     ttrace(stdout, "TTRACE: ps_close returned %d. \n", rc);
 }
 
