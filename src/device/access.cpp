@@ -36,9 +36,12 @@ int64_t copy_readable(const uint8_t* record, uint8_t* target, int64_t length) {
     return copied > 0 ? copied : 0;
 }
 
-// Record dump of the control-request trace: the first line holds 33 bytes,
-// every later one 32, as testers' earlier logs show. Bytes the process
-// cannot read end the dump early.
+// Record dump of the control-request trace: each byte as "%2x ", and a line
+// break after every byte whose index is a positive multiple of 32, so the
+// first line holds 33 bytes and every later one 32. The layout is part of
+// the -t trace format, which is compared byte for byte between runs, so it
+// stays fixed rather than evened out. Bytes the process cannot read end the
+// dump early.
 void dump_record(FILE* stream, const void* record, int64_t length) {
     if (test_context.trace != 1) return;
     const auto* bytes = static_cast<const uint8_t*>(record);
@@ -143,7 +146,7 @@ AccessResult<int> ps_ddioctl(FILE* stream, int descriptor, uint32_t request, voi
 // bytes 0-3 the highest logical block address, bytes 4-7 the block length,
 // both big-endian. The block layer answers the two size requests for every
 // block device, whatever its driver; anything else (a regular file, a
-// character device) refuses them, and the query fails as it always has.
+// character device) refuses them, and the query fails.
 // A highest address past 32 bits is reported as 0xFFFFFFFF, the answer a
 // disk gives when READ CAPACITY (10) cannot hold it.
 AccessResult<int> ps_get_capacity(FILE* stream, int descriptor, void* record, int64_t length) {

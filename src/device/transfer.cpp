@@ -285,8 +285,8 @@ int32_t big_endian_field(const uint8_t* bytes) {
 
 void command_device_capacity(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
     uint8_t capacity[8] = {};
-    // A device that cannot answer fails the command as it always has: the
-    // refused size request's errno is not the command's error value.
+    // A device that cannot answer fails the command; the refused size
+    // request's errno is not the command's error value.
     const AccessResult<int> answer = ps_get_capacity(stream, test_context.device_handle, capacity, sizeof capacity);
     outcome.return_code = answer.value;
     if (answer.failed()) {

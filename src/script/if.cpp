@@ -16,8 +16,9 @@ struct InquiryField {
     std::size_t length;  // never more than kMaxValueLength
 };
 
-// product_id compares 12 of its 16 bytes: scripts rely on matching the
-// model part only.
+// product_id compares the first 12 of its 16 bytes. The widths belong to
+// the statement language: a guard must test the same bytes in every run,
+// whatever the device puts in the rest of the field.
 constexpr InquiryField kInquiryFields[] = {
     {"vendor_id", 8, 8},
     {"product_id", 16, 12},
