@@ -200,10 +200,40 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     capture_errno(outcome);
 }
 
+namespace {
+
+// The steps both random commands take after each record.
+struct RandomRun {
+    FILE* stream;
+    CommandOutcome& outcome;
+    const char* done;     // "read" or "wrote"
+    const char* failing;  // "reading" or "writing"
+    int64_t records;
+    TransferProgress progress;
+
+    // Books record r of size bytes at sector, which moved n bytes or failed
+    // (-1, its seek or its transfer): the outcome, and the failure line or,
+    // for the first and the last record, the record line. False on failure.
+    bool book(int64_t r, int64_t size, int64_t sector, int32_t n) {
+        outcome.return_code = n;
+        outcome.data = buffer_identifier();
+        if (n < 0) {
+            report_failure(stream, failing, size, sector, outcome.data);
+            return false;
+        }
+        test_context.bytes_transferred += n;
+        progress.record(r + 1);
+        if (r == 0 || r == records - 1) report_record(stream, done, size, sector, outcome.data);
+        return true;
+    }
+};
+
+}  // namespace
+
 void command_random_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
-    TransferProgress progress(stream, "random_read", records);
+    RandomRun run{stream, outcome, "read", "reading", records, TransferProgress(stream, "random_read", records)};
     for (int64_t r = 0; r < records; ++r) {
         if (stop_requested()) break;
         int64_t sector = random_sector();
@@ -216,25 +246,13 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
         if (!seek_to_sector(stream, sector, outcome)) {
             last_sector = sector;
             fprintf(stream, "...Error seeking to sector %ld \n", static_cast<long>(sector));
-            outcome.return_code = -1;
-            outcome.data = buffer_identifier();
-            report_failure(stream, "reading", size, sector, outcome.data);
+            run.book(r, size, sector, -1);
             break;
         }
         last_sector = sector;
         int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
                                                  static_cast<uint32_t>(size)));
-        outcome.return_code = n;
-        outcome.data = buffer_identifier();
-        if (n < 0) {
-            report_failure(stream, "reading", size, sector, outcome.data);
-            break;
-        }
-        test_context.bytes_transferred += n;
-        progress.record(r + 1);
-        if (r == 0 || r == records - 1) {
-            report_record(stream, "read", size, sector, outcome.data);
-        }
+        if (!run.book(r, size, sector, n)) break;
     }
     capture_errno(outcome);
 }
@@ -242,7 +260,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
 void command_random_write(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
-    TransferProgress progress(stream, "random_write", records);
+    RandomRun run{stream, outcome, "wrote", "writing", records, TransferProgress(stream, "random_write", records)};
     for (int64_t r = 0; r < records; ++r) {
         if (stop_requested()) break;
         int64_t sector = random_sector();
@@ -252,26 +270,14 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
 
         if (!seek_to_sector(stream, sector, outcome)) {
             fprintf(stream, "....Error seeking to sector %ld \n", static_cast<long>(sector));
-            outcome.return_code = -1;
-            outcome.data = buffer_identifier();
-            report_failure(stream, "writing", size, sector, outcome.data);
+            run.book(r, size, sector, -1);
             break;
         }
         last_sector = sector;
         set_buffer_identifier(static_cast<int32_t>(sector));
         int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
                                                   static_cast<uint32_t>(size)));
-        outcome.return_code = n;
-        outcome.data = buffer_identifier();
-        if (n < 0) {
-            report_failure(stream, "writing", size, sector, outcome.data);
-            break;
-        }
-        test_context.bytes_transferred += n;
-        progress.record(r + 1);
-        if (r == 0 || r == records - 1) {
-            report_record(stream, "wrote", size, sector, outcome.data);
-        }
+        if (!run.book(r, size, sector, n)) break;
     }
     capture_errno(outcome);
 }
