@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/data_commands.h"
 #include "device/generator.h"
 
 namespace {

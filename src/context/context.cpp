@@ -110,3 +110,21 @@ bool copy_to_field(char* field, std::size_t field_size, const char* text) {
     std::memcpy(field, text, length + 1);
     return true;
 }
+
+void printable_copy(const uint8_t* source, char* destination, int32_t n) {
+    for (int32_t i = 0; i < n; ++i) {
+        destination[i] = source[i] >= 0x20 && source[i] <= 0x7e ? static_cast<char>(source[i]) : '.';
+    }
+    destination[n < 0 ? 0 : n] = '\0';
+}
+
+bool read_answer_line(FILE* input, char* line, std::size_t size) {
+    std::size_t length = 0;
+    int c = EOF;
+    while ((c = std::fgetc(input)) != EOF) {
+        if (length < size - 1) line[length++] = static_cast<char>(c);
+        if (c == '\n') break;
+    }
+    line[length] = '\0';
+    return length > 0 || c != EOF;
+}

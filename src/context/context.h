@@ -96,3 +96,16 @@ void reset_test_context();
 // Copies text into a fixed field; returns false, leaving the field untouched,
 // when the text does not fit (a name is never stored cut short).
 bool copy_to_field(char* field, std::size_t field_size, const char* text);
+
+// Copies n bytes, "." for anything outside 0x20..0x7e, and terminates;
+// destination holds n + 1 characters.
+void printable_copy(const uint8_t* source, char* destination, int32_t n);
+
+// Reads one answer line of a menu prompt into line (size bytes, the
+// terminator included). A line that fits is kept whole, its line end
+// included; of a longer line only the first size - 1 characters are kept and
+// the rest is read and thrown away, so that one typed line is always exactly
+// one answer and text pasted at one prompt never answers the next. Read by
+// character, so a NUL byte cannot hide where the line ends. Returns false
+// at end of input (nothing read).
+bool read_answer_line(FILE* input, char* line, std::size_t size);

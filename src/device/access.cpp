@@ -10,7 +10,8 @@
 #include <cstring>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "script/script.h"
 
 namespace {
 
@@ -35,9 +36,12 @@ int64_t copy_readable(const uint8_t* record, uint8_t* target, int64_t length) {
     return copied > 0 ? copied : 0;
 }
 
-// Record dump of the control-request trace: the first line holds 33 bytes,
-// every later one 32, as testers' earlier logs show. Bytes the process
-// cannot read end the dump early.
+// Record dump of the control-request trace: each byte as "%2x ", and a line
+// break after every byte whose index is a positive multiple of 32, so the
+// first line holds 33 bytes and every later one 32. The layout is part of
+// the -t trace format, which is compared byte for byte between runs, so it
+// stays fixed rather than evened out. Bytes the process cannot read end the
+// dump early.
 void dump_record(FILE* stream, const void* record, int64_t length) {
     if (test_context.trace != 1) return;
     const auto* bytes = static_cast<const uint8_t*>(record);
@@ -56,64 +60,61 @@ void dump_record(FILE* stream, const void* record, int64_t length) {
     fflush(stream);
 }
 
+// The result of a system call that has just returned, with the errno it
+// left: read here, before any trace line can change it.
+template <typename Value>
+AccessResult<Value> result_of(Value value) {
+    return {value, static_cast<int32_t>(errno)};
+}
+
 }  // namespace
 
-int ps_open(const char* path, int32_t flags, int32_t mode) { return open(path, flags, mode); }
+AccessResult<int> ps_open(const char* path, int32_t flags, int32_t mode) { return result_of(open(path, flags, mode)); }
 
-int ps_close(int descriptor) { return close(descriptor); }
+AccessResult<int> ps_close(int descriptor) { return result_of(close(descriptor)); }
 
-int32_t ps_read(FILE* stream, int descriptor, void* buffer, uint32_t length) {
+AccessResult<int32_t> ps_read(FILE* stream, int descriptor, void* buffer, uint32_t length) {
     ttrace(stream, "TTRACE: ps_read entered.\n");
-    auto n = static_cast<int32_t>(read(descriptor, buffer, length));
-    if (n == -1) {
-        int saved = errno;
-        ttrace(stream, "Error! system read() failed. Last errno=%ld \n", static_cast<long>(saved));
-        report_errno_text(stream, saved);
-        errno = saved;
+    const auto result = result_of(static_cast<int32_t>(read(descriptor, buffer, length)));
+    if (result.failed()) {
+        ttrace(stream, "Error! system read() failed. Last errno=%ld \n", static_cast<long>(result.error_number));
+        report_errno_text(stream, result.error_number);
     } else if (test_context.trace == 1) {
-        int saved = errno;
         ttrace(stream, "lseek = %ld\n", static_cast<long>(lseek(descriptor, 0, SEEK_CUR)));
-        ttrace(stream, "system read() read %d bytes\n", n);
-        errno = saved;
+        ttrace(stream, "system read() read %d bytes\n", result.value);
     }
     ttrace(stream, "TTRACE: ps_read exit. \n");
-    return n;
+    return result;
 }
 
-int32_t ps_write(FILE* stream, int descriptor, const void* buffer, uint32_t length) {
+AccessResult<int32_t> ps_write(FILE* stream, int descriptor, const void* buffer, uint32_t length) {
     ttrace(stream, "TTRACE: ps_write entered!\n");
-    auto n = static_cast<int32_t>(write(descriptor, buffer, length));
-    if (n == -1) {
-        int saved = errno;
-        ttrace(stream, "Error! system write() failed, last errno = %ld\n", static_cast<long>(saved));
-        report_errno_text(stream, saved);
-        errno = saved;
+    const auto result = result_of(static_cast<int32_t>(write(descriptor, buffer, length)));
+    if (result.failed()) {
+        ttrace(stream, "Error! system write() failed, last errno = %ld\n", static_cast<long>(result.error_number));
+        report_errno_text(stream, result.error_number);
     } else if (test_context.trace == 1) {
-        int saved = errno;
         ttrace(stream, "lseek = %ld\n", static_cast<long>(lseek(descriptor, 0, SEEK_CUR)));
-        ttrace(stream, "system write() wrote %d bytes. \n", n);
-        errno = saved;
+        ttrace(stream, "system write() wrote %d bytes. \n", result.value);
     }
     ttrace(stream, "TTRACE: ps_write() exit. \n");
-    return n;
+    return result;
 }
 
-int64_t ps_lseek(FILE* stream, int descriptor, int64_t offset) {
+AccessResult<int64_t> ps_lseek(FILE* stream, int descriptor, int64_t offset) {
     ttrace(stream, "TTRACE: ps_lseek entered. \n");
-    int64_t position = lseek(descriptor, offset, SEEK_SET);
-    if (position == -1) {
-        int saved = errno;
-        ttrace(stream, "Error! system lseek() failed. Last errno=%ld \n", static_cast<long>(saved));
-        report_errno_text(stream, saved);
-        errno = saved;
+    const auto result = result_of(static_cast<int64_t>(lseek(descriptor, offset, SEEK_SET)));
+    if (result.failed()) {
+        ttrace(stream, "Error! system lseek() failed. Last errno=%ld \n", static_cast<long>(result.error_number));
+        report_errno_text(stream, result.error_number);
     } else {
         ttrace(stream, "lseek() to %ld \n", static_cast<long>(offset));
     }
     ttrace(stream, "TTRACE: ps_lseek exit. \n");
-    return position;
+    return result;
 }
 
-int ps_ddioctl(FILE* stream, int descriptor, uint32_t request, void* record, int64_t length) {
+AccessResult<int> ps_ddioctl(FILE* stream, int descriptor, uint32_t request, void* record, int64_t length) {
     ttrace(stream, "TTRACE: ps_ddioctl entered. \n");
     ttrace(stream, "TTRACE: system ioctl, opcode   =%08lX \n", static_cast<unsigned long>(request));
     if (test_context.trace == 1) {
@@ -125,40 +126,41 @@ int ps_ddioctl(FILE* stream, int descriptor, uint32_t request, void* record, int
     dump_record(stream, record, length);
 
     // The request travels as a signed 32-bit value widened to the call's type.
-    int rc = ioctl(descriptor, static_cast<unsigned long>(static_cast<long>(static_cast<int32_t>(request))), record);
-    int saved = errno;
-    ttrace(stream, "TTRACE: ioctl returned rc=0x%08X\n", static_cast<unsigned>(rc));
-    if (rc == -1) {
+    const auto result =
+        result_of(ioctl(descriptor, static_cast<unsigned long>(static_cast<long>(static_cast<int32_t>(request))), record));
+    ttrace(stream, "TTRACE: ioctl returned rc=0x%08X\n", static_cast<unsigned>(result.value));
+    if (result.failed()) {
         ttrace(stream, "Error! system ioctl 0x%08lX failed. \n", static_cast<unsigned long>(request));
-        ttrace(stream, "Error! system ioctl errno=%ld \n", static_cast<long>(saved));
-        report_errno_text(stream, saved);
+        ttrace(stream, "Error! system ioctl errno=%ld \n", static_cast<long>(result.error_number));
+        report_errno_text(stream, result.error_number);
         ttrace(stream, "TTRACE: ps_ddioctl exit. \n");
-        errno = saved;
-        return -1;
+        return result;
     }
     ttrace(stream, "TTRACE: ioctl struct=\n");
     dump_record(stream, record, length);
     ttrace(stream, "TTRACE: ps_ddioctl exit. \n");
-    errno = saved;
-    return 0;
+    return {0, result.error_number};  // whatever non-failure value the driver gave
 }
 
 // The capacity record has the layout of READ CAPACITY (10) parameter data:
 // bytes 0-3 the highest logical block address, bytes 4-7 the block length,
 // both big-endian. The block layer answers the two size requests for every
 // block device, whatever its driver; anything else (a regular file, a
-// character device) refuses them, and the query fails as it always has.
+// character device) refuses them, and the query fails.
 // A highest address past 32 bits is reported as 0xFFFFFFFF, the answer a
 // disk gives when READ CAPACITY (10) cannot hold it.
-int ps_get_capacity(FILE* stream, int descriptor, void* record, int64_t length) {
+AccessResult<int> ps_get_capacity(FILE* stream, int descriptor, void* record, int64_t length) {
     constexpr int64_t kRecordBytes = 8;
-    if (record == nullptr || length < kRecordBytes) return -1;
+    if (record == nullptr || length < kRecordBytes) return {-1, errno};
     uint64_t bytes = 0;
     int block_length = 0;
-    if (ps_ddioctl(stream, descriptor, static_cast<uint32_t>(BLKGETSIZE64), &bytes, sizeof bytes) == -1) return -1;
-    if (ps_ddioctl(stream, descriptor, static_cast<uint32_t>(BLKSSZGET), &block_length, sizeof block_length) == -1) return -1;
+    const auto size_reply = ps_ddioctl(stream, descriptor, static_cast<uint32_t>(BLKGETSIZE64), &bytes, sizeof bytes);
+    if (size_reply.failed()) return size_reply;
+    const auto length_reply =
+        ps_ddioctl(stream, descriptor, static_cast<uint32_t>(BLKSSZGET), &block_length, sizeof block_length);
+    if (length_reply.failed()) return length_reply;
     // A device without a single whole block has no highest address to give.
-    if (block_length <= 0 || bytes < static_cast<uint64_t>(block_length)) return -1;
+    if (block_length <= 0 || bytes < static_cast<uint64_t>(block_length)) return {-1, length_reply.error_number};
     const uint64_t highest = bytes / static_cast<uint64_t>(block_length) - 1;
     const auto reported = static_cast<uint32_t>(std::min<uint64_t>(highest, UINT32_MAX));
     const auto size = static_cast<uint32_t>(block_length);
@@ -167,7 +169,7 @@ int ps_get_capacity(FILE* stream, int descriptor, void* record, int64_t length) 
         out[i] = static_cast<uint8_t>(reported >> (24 - 8 * i));
         out[4 + i] = static_cast<uint8_t>(size >> (24 - 8 * i));
     }
-    return 0;
+    return {0, length_reply.error_number};
 }
 
 char* ps_strerror(int number) {

@@ -2,7 +2,7 @@
 #include <cstdint>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/executor.h"
 
 std::string_view CommandClause::token(int32_t i) const {
     if (i < 0 || i >= count || first + i >= kMaxTokens) return {};

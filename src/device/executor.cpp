@@ -8,7 +8,9 @@
 
 #include "context/context.h"
 #include "device/data_commands.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/executor.h"
+#include "device/variables.h"
 #include "driver/driver.h"
 
 namespace {
@@ -147,19 +149,14 @@ int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outc
     ttrace(stream, "TTRACE: calling ps_open. \n");
     ttrace(stream, "ps_open file <%s> \n", path);
 
-    if (name_fits) {
-        c.device_handle = ps_open(path, mode->flags, 0);
-    } else {
-        // Opening a cut-down name could open some other file.
-        c.device_handle = -1;
-        errno = ENAMETOOLONG;
-    }
+    // Opening a cut-down name could open some other file.
+    const AccessResult<int> opened = name_fits ? ps_open(path, mode->flags, 0) : AccessResult<int>{-1, ENAMETOOLONG};
+    c.device_handle = note_result(outcome, opened);
     outcome.return_code = c.device_handle;
-    if (c.device_handle == -1) {
-        int saved = errno;
-        outcome.error_number = saved;
-        ttrace(stream, "Error! system open failed. errno=%ld \n", static_cast<long>(saved));
-        ttrace(stream, "       Error is %s.\n", ps_strerror(saved));
+    if (opened.failed()) {
+        outcome.error_number = opened.error_number;
+        ttrace(stream, "Error! system open failed. errno=%ld \n", static_cast<long>(opened.error_number));
+        ttrace(stream, "       Error is %s.\n", ps_strerror(opened.error_number));
     } else {
         sector_size = 512;
         block_max = 0;
@@ -171,10 +168,10 @@ int command_open(FILE* stream, const CommandClause& clause, CommandOutcome& outc
 int command_close(FILE*, const CommandClause&, CommandOutcome& outcome) {
     // These two go to standard output whatever stream the statement uses.
     ttrace(stdout, "TTRACE: calling ps_close. \n");
-    outcome.return_code = ps_close(test_context.device_handle);
-    int saved = errno;
+    const AccessResult<int> closed = ps_close(test_context.device_handle);
+    outcome.return_code = note_result(outcome, closed);
     ttrace(stdout, "TTRACE: ps_close returned %d. \n", outcome.return_code);
-    if (outcome.return_code == -1) outcome.error_number = saved;
+    if (closed.failed()) outcome.error_number = closed.error_number;
     test_context.device_handle = -1;
     return 1;
 }
@@ -198,8 +195,6 @@ bool device_state_fits(Needs needs) {
 
 }  // namespace
 
-int64_t record_size() { return saturated_product(block_count, sector_size); }
-
 int execute_command(const char* line, FILE* stream, const TokenList& tokens, int32_t name_index,
                     int32_t count, CommandOutcome& outcome) {
     ttrace(stream, "TTRACE: execute_command entered (%s).\n", line);
@@ -220,6 +215,9 @@ int execute_command(const char* line, FILE* stream, const TokenList& tokens, int
     outcome.error_number = 0;
     outcome.error_value = 0;
     outcome.residual = 0;
+    // A command that fails without a call of its own on the device reports
+    // the errno the process already had.
+    outcome.last_errno = errno;
 
     const CommandClause clause{line, &tokens, name_index, count};
     const CommandEntry* entry = find_command(clause.token(0));
@@ -231,8 +229,10 @@ int execute_command(const char* line, FILE* stream, const TokenList& tokens, int
 
     if (!device_state_fits(entry->needs)) {
         fprintf(stream, "%s", entry->refusal);
-    } else if (entry->handler(stream, clause, outcome) == 0) {
-        return 0;
+    } else {
+        const int handled = entry->handler(stream, clause, outcome);
+        errno = outcome.last_errno;
+        if (handled == 0) return 0;
     }
     ttrace(stream, "TTRACE: execute_command exit.\n");
     return 1;

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/data_commands.h"
 #include "device/generator.h"
 
 static_assert(kPatternEnd - kPatternBegin == kSeededBytes);
@@ -33,11 +33,4 @@ int64_t random_sector() {
     // Extended precision keeps block_max x r exact before the division.
     long double r = next_running_value();
     return static_cast<int64_t>(static_cast<long double>(block_max) * r / 2147483647.0L);
-}
-
-void printable_copy(const uint8_t* source, char* destination, int32_t n) {
-    for (int32_t i = 0; i < n; ++i) {
-        destination[i] = source[i] >= 0x20 && source[i] <= 0x7e ? static_cast<char>(source[i]) : '.';
-    }
-    destination[n < 0 ? 0 : n] = '\0';
 }

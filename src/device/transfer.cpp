@@ -6,7 +6,8 @@
 
 #include "context/context.h"
 #include "device/data_commands.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/variables.h"
 #include "device/generator.h"
 #include "device/progress.h"
 #include "script/script.h"
@@ -55,14 +56,13 @@ void report_failure(FILE* stream, const char* failing, int64_t size, int64_t sec
 
 // The byte offset of a sector, for values a script may set to anything: an
 // offset beyond 64 bits fails as a seek would, never wrapping onto some
-// other sector.
-int64_t seek_to_sector(FILE* stream, int64_t sector) {
+// other sector. False when the seek failed.
+bool seek_to_sector(FILE* stream, int64_t sector, CommandOutcome& outcome) {
     int64_t offset = 0;
-    if (!checked_product(sector, sector_size, offset)) {
-        errno = EOVERFLOW;
-        return -1;
-    }
-    return ps_lseek(stream, test_context.device_handle, offset);
+    const AccessResult<int64_t> sought = checked_product(sector, sector_size, offset)
+                                             ? ps_lseek(stream, test_context.device_handle, offset)
+                                             : AccessResult<int64_t>{-1, EOVERFLOW};
+    return note_result(outcome, sought) != -1;
 }
 void advance_block_seek() { block_seek = static_cast<int64_t>(static_cast<uint64_t>(block_seek) + 1); }
 
@@ -77,8 +77,10 @@ int64_t count_argument(FILE* stream, const char* command, const CommandClause& c
     return parse_count(clause.token(3));
 }
 
-void capture_errno(CommandOutcome& outcome, int saved) {
-    if (outcome.return_code < 0) outcome.error_number = saved;
+// A command that ends with a negative return code reports the error
+// number it leaves as its errno.
+void capture_errno(CommandOutcome& outcome) {
+    if (outcome.return_code < 0) outcome.error_number = outcome.last_errno;
 }
 
 // The executor has reported a record size outside the buffer; no transfer
@@ -91,22 +93,19 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
     if (clause.count == 4) records = count_argument(stream, "read", clause, "records");
     if (!record_fits(size)) return;
 
-    if (seek_to_sector(stream, block_seek) == -1) {
+    if (!seek_to_sector(stream, block_seek, outcome)) {
         fprintf(stream, ".Error seeking to block %ld \n", static_cast<long>(block_seek));
         return;
     }
     int64_t expected_sector = block_seek;
     int64_t last_good = 0;
     bool go_on = true;
-    // A verification failure reports whatever errno the system last left.
-    int call_errno = errno;
     TransferProgress progress(stream, verify ? "read_verify" : "read", records);
     for (int64_t r = 0; r < records && go_on; ++r) {
         if (stop_requested()) break;
         last_sector = block_seek;
-        int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
-                            static_cast<uint32_t>(size));
-        call_errno = errno;
+        int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
+                                                 static_cast<uint32_t>(size)));
         outcome.return_code = n;
         outcome.data = buffer_identifier();
         if (n < 0) {
@@ -141,7 +140,7 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
         fputs(" ... \n", stream);
         report_record(stream, "read", size, block_seek - 1, buffer_identifier());
     }
-    capture_errno(outcome, call_errno);
+    capture_errno(outcome);
 }
 
 }  // namespace
@@ -168,21 +167,19 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     }
     if (!record_fits(size)) return;
 
-    if (seek_to_sector(stream, block_seek) == -1) {
+    if (!seek_to_sector(stream, block_seek, outcome)) {
         fprintf(stream, "..Error seeking to sector %ld \n", static_cast<long>(block_seek));
         return;
     }
     int64_t last_good = 0;
-    int call_errno = 0;
     TransferProgress progress(stream, "write", records);
     for (int64_t r = 0; r < records; ++r) {
         if (stop_requested()) break;
         set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
         fill_record_pattern(io_buffer(), block_seek);
         last_sector = block_seek;
-        int32_t n = ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
-                             static_cast<uint32_t>(size));
-        call_errno = errno;
+        int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
+                                                  static_cast<uint32_t>(size)));
         outcome.return_code = n;
         if (n < 0) {
             report_failure(stream, "writing", size, block_seek, buffer_identifier());
@@ -200,14 +197,43 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
         fputs(" ... \n", stream);
         report_record(stream, "wrote", size, block_seek - 1, buffer_identifier());
     }
-    capture_errno(outcome, call_errno);
+    capture_errno(outcome);
 }
+
+namespace {
+
+// The steps both random commands take after each record.
+struct RandomRun {
+    FILE* stream;
+    CommandOutcome& outcome;
+    const char* done;     // "read" or "wrote"
+    const char* failing;  // "reading" or "writing"
+    int64_t records;
+    TransferProgress progress;
+
+    // Books record r of size bytes at sector, which moved n bytes or failed
+    // (-1, its seek or its transfer): the outcome, and the failure line or,
+    // for the first and the last record, the record line. False on failure.
+    bool book(int64_t r, int64_t size, int64_t sector, int32_t n) {
+        outcome.return_code = n;
+        outcome.data = buffer_identifier();
+        if (n < 0) {
+            report_failure(stream, failing, size, sector, outcome.data);
+            return false;
+        }
+        test_context.bytes_transferred += n;
+        progress.record(r + 1);
+        if (r == 0 || r == records - 1) report_record(stream, done, size, sector, outcome.data);
+        return true;
+    }
+};
+
+}  // namespace
 
 void command_random_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
-    int call_errno = 0;
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
-    TransferProgress progress(stream, "random_read", records);
+    RandomRun run{stream, outcome, "read", "reading", records, TransferProgress(stream, "random_read", records)};
     for (int64_t r = 0; r < records; ++r) {
         if (stop_requested()) break;
         int64_t sector = random_sector();
@@ -217,39 +243,24 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
         int64_t size = std::min(saturated_product(sectors, sector_size), kBufferBytes);
         if (!record_fits(size)) return;
 
-        if (seek_to_sector(stream, sector) == -1) {
-            call_errno = errno;
+        if (!seek_to_sector(stream, sector, outcome)) {
             last_sector = sector;
             fprintf(stream, "...Error seeking to sector %ld \n", static_cast<long>(sector));
-            outcome.return_code = -1;
-            outcome.data = buffer_identifier();
-            report_failure(stream, "reading", size, sector, outcome.data);
+            run.book(r, size, sector, -1);
             break;
         }
         last_sector = sector;
-        int32_t n = ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
-                            static_cast<uint32_t>(size));
-        call_errno = errno;
-        outcome.return_code = n;
-        outcome.data = buffer_identifier();
-        if (n < 0) {
-            report_failure(stream, "reading", size, sector, outcome.data);
-            break;
-        }
-        test_context.bytes_transferred += n;
-        progress.record(r + 1);
-        if (r == 0 || r == records - 1) {
-            report_record(stream, "read", size, sector, outcome.data);
-        }
+        int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
+                                                 static_cast<uint32_t>(size)));
+        if (!run.book(r, size, sector, n)) break;
     }
-    capture_errno(outcome, call_errno);
+    capture_errno(outcome);
 }
 
 void command_random_write(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
-    int call_errno = 0;
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
-    TransferProgress progress(stream, "random_write", records);
+    RandomRun run{stream, outcome, "wrote", "writing", records, TransferProgress(stream, "random_write", records)};
     for (int64_t r = 0; r < records; ++r) {
         if (stop_requested()) break;
         int64_t sector = random_sector();
@@ -257,32 +268,18 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
         if (!record_fits(size)) return;
         fill_record_pattern(io_buffer(), sector);
 
-        if (seek_to_sector(stream, sector) == -1) {
-            call_errno = errno;
+        if (!seek_to_sector(stream, sector, outcome)) {
             fprintf(stream, "....Error seeking to sector %ld \n", static_cast<long>(sector));
-            outcome.return_code = -1;
-            outcome.data = buffer_identifier();
-            report_failure(stream, "writing", size, sector, outcome.data);
+            run.book(r, size, sector, -1);
             break;
         }
         last_sector = sector;
         set_buffer_identifier(static_cast<int32_t>(sector));
-        int32_t n = ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
-                             static_cast<uint32_t>(size));
-        call_errno = errno;
-        outcome.return_code = n;
-        outcome.data = buffer_identifier();
-        if (n < 0) {
-            report_failure(stream, "writing", size, sector, outcome.data);
-            break;
-        }
-        test_context.bytes_transferred += n;
-        progress.record(r + 1);
-        if (r == 0 || r == records - 1) {
-            report_record(stream, "wrote", size, sector, outcome.data);
-        }
+        int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
+                                                  static_cast<uint32_t>(size)));
+        if (!run.book(r, size, sector, n)) break;
     }
-    capture_errno(outcome, call_errno);
+    capture_errno(outcome);
 }
 
 namespace {
@@ -294,15 +291,15 @@ int32_t big_endian_field(const uint8_t* bytes) {
 
 void command_device_capacity(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
     uint8_t capacity[8] = {};
-    // A device that cannot answer fails the command as it always has: the
-    // refused size request's errno must not show up as the error value.
-    const int earlier_errno = errno;
-    outcome.return_code = ps_get_capacity(stream, test_context.device_handle, capacity, sizeof capacity);
-    if (outcome.return_code == -1) {
-        errno = earlier_errno;
+    // A device that cannot answer fails the command; the refused size
+    // request's errno is not the command's error value.
+    const AccessResult<int> answer = ps_get_capacity(stream, test_context.device_handle, capacity, sizeof capacity);
+    outcome.return_code = answer.value;
+    if (answer.failed()) {
         fprintf(stream, "tarnwick error calling ps_get_capacity\n");
         return;
     }
+    note_result(outcome, answer);
     // Both fields are read as signed 32-bit numbers. A highest address that
     // reads negative (from 0x80000000 up, 0xFFFFFFFF among them: more blocks
     // than the field holds) would put every random sector before the

@@ -3,7 +3,8 @@
 #include <cstring>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/executor.h"
+#include "device/variables.h"
 
 namespace {
 
@@ -22,6 +23,8 @@ constexpr VariableName kVariables[] = {
 };
 
 }  // namespace
+
+int64_t record_size() { return saturated_product(block_count, sector_size); }
 
 // A transfer or driver reply through an address inside this process's own
 // writable memory would overwrite the tool's state (the context, the stack,

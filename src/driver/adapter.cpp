@@ -7,7 +7,7 @@
 
 void get_adapter_info(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
     AdapterInfoRecord record{};
-    outcome.return_code = send_request(stream, DD_GET_ADAPTER_INFO, &record, sizeof record);
+    send_request(stream, outcome, DD_GET_ADAPTER_INFO, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "Error getting addapter info: %s\n", status_name(record.status));
         return;
@@ -33,7 +33,7 @@ void set_adapter(FILE* stream, const CommandClause& clause, CommandOutcome& outc
     SetAdapterRecord record{};
     keyword_argument(stream, clause, 1, "adapter", "set adapter", record.adapter);
     keyword_argument(stream, clause, 3, "state", "set adapter", record.state);
-    outcome.return_code = send_request(stream, DD_SET_ADAPTER, &record, sizeof record);
+    send_request(stream, outcome, DD_SET_ADAPTER, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "Error setting adapter state: %s\n", status_name(record.status));
         return;
@@ -59,7 +59,7 @@ void set_controller(FILE* stream, const CommandClause& clause, CommandOutcome& o
     keyword_argument(stream, clause, 1, "device", "set controller", record.device);
     keyword_argument(stream, clause, 3, "ctlr", "set controller", record.controller);
     keyword_argument(stream, clause, 5, "action", "set controller", record.action);
-    outcome.return_code = send_request(stream, DD_SET_CONTROLLER, &record, sizeof record);
+    send_request(stream, outcome, DD_SET_CONTROLLER, &record, sizeof record);
     if (outcome.return_code == -1) {
         fputs("tarnwick error set controller \n", stream);
         return;

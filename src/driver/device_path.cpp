@@ -7,7 +7,7 @@
 
 void get_number_devices(FILE* stream, const CommandClause&, CommandOutcome& outcome) {
     DeviceCountRecord record{};
-    outcome.return_code = send_request(stream, DD_GET_NUMBER_DEVICES, &record, sizeof record);
+    send_request(stream, outcome, DD_GET_NUMBER_DEVICES, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "Error getting number of devices: %s\n", status_name(record.status));
         return;
@@ -19,7 +19,7 @@ void get_number_devices(FILE* stream, const CommandClause&, CommandOutcome& outc
 void get_device_state(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     DeviceStateRecord record{};
     keyword_argument(stream, clause, 1, "device", "get device state", record.device);
-    outcome.return_code = send_request(stream, DD_GET_DEVICE_STATE, &record, sizeof record);
+    send_request(stream, outcome, DD_GET_DEVICE_STATE, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "tarnwick error getting device state: %s\n", status_name(record.status));
         return;
@@ -59,7 +59,7 @@ void set_path(FILE* stream, const CommandClause& clause, CommandOutcome& outcome
     keyword_argument(stream, clause, 1, "device", "set path", record.device);
     keyword_argument(stream, clause, 3, "path", "set path", record.path);
     keyword_argument(stream, clause, 5, "state", "set path", record.state);
-    outcome.return_code = send_request(stream, DD_SET_PATH, &record, sizeof record);
+    send_request(stream, outcome, DD_SET_PATH, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "Error setting path state: %s\n", status_name(record.status));
         return;

@@ -8,7 +8,7 @@
 #include <cstdio>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/executor.h"
 #include "vpath/vpath_ioctl.h"
 
 // The device's INQUIRY data as kept in the test context.

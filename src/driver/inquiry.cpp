@@ -16,7 +16,7 @@ void get_inquiry(FILE* stream, const CommandClause& clause, CommandOutcome& outc
     keyword_argument(stream, clause, 1, "device", "get device state", record.device);
     // An armed address override is meant for a data transfer or another
     // request; the inquiry always uses its own record.
-    outcome.return_code = send_request_own_record(stream, DD_GET_INQUIRY, &record, kInquiryTraceLength);
+    send_request_own_record(stream, outcome, DD_GET_INQUIRY, &record, kInquiryTraceLength);
     if (outcome.return_code == -1) {
         fputs("tarnwick error getting logical inquiry\n", stream);
         return;
@@ -45,13 +45,9 @@ void fprintf_inquiry_data(FILE* stream, const uint8_t* data) {
     fputs("\n  vendor specific: \n", stream);
 
     fputs("    ", stream);
+    for (const uint8_t byte : inquiry.vendor_specific) fprintf(stream, " %2x", byte);
     char printable[sizeof inquiry.vendor_specific + 1];
-    for (std::size_t i = 0; i < sizeof inquiry.vendor_specific; ++i) {
-        const uint8_t byte = inquiry.vendor_specific[i];
-        fprintf(stream, " %2x", byte);
-        printable[i] = (byte >= 0x20 && byte <= 0x7e) ? static_cast<char>(byte) : '.';
-    }
-    printable[sizeof inquiry.vendor_specific] = '\0';
+    printable_copy(inquiry.vendor_specific, printable, static_cast<int32_t>(sizeof inquiry.vendor_specific));
     fputc('\n', stream);
     fprintf(stream, "     (%s) \n", printable);
     ttrace(stream, "TTRACE: fprintf_inquiry_data exit.\n");

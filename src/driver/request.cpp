@@ -1,13 +1,14 @@
 #include "driver/request.h"
 
 #include "context/context.h"
+#include "device/access.h"
 
-int send_request(FILE* stream, uint32_t opcode, void* record, int64_t length) {
-    return ps_ddioctl(stream, test_context.device_handle, opcode, select_buffer(record), length);
+void send_request(FILE* stream, CommandOutcome& outcome, uint32_t opcode, void* record, int64_t length) {
+    send_request_own_record(stream, outcome, opcode, select_buffer(record), length);
 }
 
-int send_request_own_record(FILE* stream, uint32_t opcode, void* record, int64_t length) {
-    return ps_ddioctl(stream, test_context.device_handle, opcode, record, length);
+void send_request_own_record(FILE* stream, CommandOutcome& outcome, uint32_t opcode, void* record, int64_t length) {
+    outcome.return_code = note_result(outcome, ps_ddioctl(stream, test_context.device_handle, opcode, record, length));
 }
 
 void keyword_argument(FILE* stream, const CommandClause& clause, int32_t position, std::string_view keyword,

@@ -6,16 +6,17 @@
 #include <cstdio>
 #include <string_view>
 
-#include "device/device.h"
+#include "device/executor.h"
 
-// Sends a request on the open device. The driver gets the armed one-shot
-// address override in place of the record when there is one; the report is
-// still printed from the record. Returns 0 or -1 as ps_ddioctl does.
-int send_request(FILE* stream, uint32_t opcode, void* record, int64_t length);
+// Sends a request on the open device into outcome's return code (0 or -1
+// as ps_ddioctl gives it), a failure's errno into outcome. The driver gets
+// the armed one-shot address override in place of the record when there is
+// one; the report is still printed from the record.
+void send_request(FILE* stream, CommandOutcome& outcome, uint32_t opcode, void* record, int64_t length);
 
 // Same, but always with the record's own address, leaving an armed
 // override for a later request.
-int send_request_own_record(FILE* stream, uint32_t opcode, void* record, int64_t length);
+void send_request_own_record(FILE* stream, CommandOutcome& outcome, uint32_t opcode, void* record, int64_t length);
 
 // Reads "keyword number" at clause tokens position and position + 1 into
 // field. A wrong or missing keyword leaves field alone, prints

@@ -26,7 +26,7 @@ void print_sectors(FILE* stream, const StatsRow& sectors, const char* end) {
 void get_dev_stats(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     DeviceStatsRecord record{};
     keyword_argument(stream, clause, 1, "device", "get device statistics", record.device);
-    outcome.return_code = send_request(stream, DD_GET_DEV_STATS, &record, sizeof record);
+    send_request(stream, outcome, DD_GET_DEV_STATS, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "tarnwick error getting device statistics: %s\n", status_name(record.status));
         return;
@@ -42,7 +42,7 @@ void get_dev_stats(FILE* stream, const CommandClause& clause, CommandOutcome& ou
 void get_adapter_stats(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     AdapterStatsRecord record{};
     keyword_argument(stream, clause, 1, "adapter", "get adapter statistics", record.adapter);
-    outcome.return_code = send_request(stream, DD_GET_ADAPTER_STATS, &record, sizeof record);
+    send_request(stream, outcome, DD_GET_ADAPTER_STATS, &record, sizeof record);
     if (outcome.return_code == -1) {
         fprintf(stream, "tarnwick error getting adapter statistics: %s\n", status_name(record.status));
         return;

@@ -11,7 +11,8 @@
 #include <string_view>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/variables.h"
 #include "script/script.h"
 #include "trace/trace.h"
 
@@ -82,17 +83,13 @@ void write_menu() {
 // A stop signal answers no prompt: the menu then ends as at end of input.
 bool ask(const char* prompt) {
     printf("%s", prompt);
-    return read_answer(stdin) && !stop_requested();
+    return read_answer_line(stdin, test_context.input_line, sizeof test_context.input_line) && !stop_requested();
 }
 
 long answer_number() { return std::strtol(test_context.input_line, nullptr, 10); }
 
 // Narrowing to 32 bits keeps the low bits, as a C int conversion does.
 int32_t low_32_bits(long value) { return static_cast<int32_t>(value); }
-
-// A record size too large for 64 bits stays too large, as the executor
-// reports it.
-int64_t record_size() { return saturated_product(sector_size, block_count); }
 
 bool ask_long(const char* prompt, long& value) {
     if (!ask(prompt)) return false;
@@ -375,27 +372,11 @@ Flow carry_out(int32_t number) {
 void close_open_device() {
     if (test_context.device_handle == -1) return;
     ttrace(stdout, "TTRACE: calling ps_close. \n");
-    int rc = ps_close(test_context.device_handle);
+    int rc = ps_close(test_context.device_handle).value;
     ttrace(stdout, "TTRACE: ps_close returned %d. \n", rc);
 }
 
 }  // namespace
-
-bool read_answer(FILE* input) {
-    // The rest of an overlong line is dropped, not kept for the next prompt:
-    // text pasted at one prompt must never turn into answers, selections
-    // included, at the prompts that follow. Read by character rather than
-    // with fgets, so a NUL byte in the line cannot hide where the line ends.
-    char* line = test_context.input_line;
-    std::size_t length = 0;
-    int c = EOF;
-    while ((c = std::fgetc(input)) != EOF) {
-        if (length < kInputLineSize - 1) line[length++] = static_cast<char>(c);
-        if (c == '\n') break;
-    }
-    line[length] = '\0';
-    return length > 0 || c != EOF;
-}
 
 void manual_test_menu() {
     ttrace(stdout, "TTRACE: manual_test_menu entered.\n");

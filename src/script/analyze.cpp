@@ -1,13 +1,12 @@
 // Result analysis: judges a command's outcome against the checks of its
 // result clause.
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <string_view>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
 #include "script/errno_table.h"
 #include "script/script.h"
 
@@ -35,10 +34,6 @@ const FieldRule* find_field(std::string_view token) {
         if (token.substr(0, rule.keyword.size()) == rule.keyword) return &rule;
     }
     return nullptr;
-}
-
-std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
-    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
 }
 
 // What the analysis of the current line wrote about its outcome and its
@@ -79,8 +74,7 @@ __attribute__((format(printf, 2, 3))) void report(FILE* stream, const char* form
 
 const char* analysis_reason() { return reason.text; }
 
-void ps_return_error(FILE* stream, int32_t* error_value, int32_t* residual) {
-    const int number = errno;
+void ps_return_error(FILE* stream, int32_t number, int32_t* error_value, int32_t* residual) {
     ttrace(stream, "TTRACE: ps_return_error entered.\n");
     *error_value = number;
     *residual = 0;
@@ -119,10 +113,12 @@ int as_expected(int32_t actual, const char* relation, int32_t expected) {
 }
 
 int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t first, int32_t count,
-            int32_t return_code, int32_t error_number, int32_t error_value, int32_t residual,
-            int32_t data) {
-    // The errno of the command is judged, not one left by the printing below.
-    const int command_errno = errno;
+            const CommandOutcome& outcome) {
+    const int32_t return_code = outcome.return_code;
+    const int32_t error_number = outcome.error_number;
+    int32_t error_value = outcome.error_value;
+    int32_t residual = outcome.residual;
+    const int32_t data = outcome.data;
     ttrace(stream, "TTRACE: analyze entered (%s).\n", line);
     reason.used = 0;
     reason.text[0] = '\0';
@@ -136,8 +132,7 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
         return 0;
     }
     if (return_code == -1) {
-        errno = command_errno;
-        ps_return_error(stream, &error_value, &residual);
+        ps_return_error(stream, outcome.last_errno, &error_value, &residual);
         const char* name = errno_name(error_value);
         report(stream, "analyze return_error cc %d (%s) %s\n", error_value, name, ps_strerror(error_value));
     }

@@ -16,8 +16,9 @@ struct InquiryField {
     std::size_t length;  // never more than kMaxValueLength
 };
 
-// product_id compares 12 of its 16 bytes: scripts rely on matching the
-// model part only.
+// product_id compares the first 12 of its 16 bytes. The widths belong to
+// the statement language: a guard must test the same bytes in every run,
+// whatever the device puts in the rest of the field.
 constexpr InquiryField kInquiryFields[] = {
     {"vendor_id", 8, 8},
     {"product_id", 16, 12},
@@ -38,10 +39,6 @@ constexpr ComparisonName kComparisons[] = {
     {"has", Comparison::has},
     {"!has", Comparison::has_not},
 };
-
-std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
-    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
-}
 
 // The value starts at the value token: 'quoted', "quoted", '"quoted" (so a
 // value may hold a single quote) or bare up to a blank. Its first character

@@ -8,7 +8,8 @@
 #include <cstring>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/executor.h"
+#include "device/variables.h"
 #include "script/errno_table.h"
 #include "script/script.h"
 
@@ -52,9 +53,6 @@ void run_command(const char* line, FILE* stream, const TokenList& tokens, int32_
     const int32_t clause_end = result_index >= 0 ? result_index : token_count;
     const int executed = execute_command(line, stream, tokens, command_index + 1,
                                          clause_end - command_index - 1, outcome);
-    // The result clause judges the errno the command left behind, not one
-    // disturbed by the trace printing in between.
-    const int command_errno = errno;
     ttrace(stream, "TTRACE: execute_command returned %d.\n", executed);
     if (executed == 0) {
         fprintf(stream, "orvane process error unable to execute\n");
@@ -66,9 +64,7 @@ void run_command(const char* line, FILE* stream, const TokenList& tokens, int32_
         first = result_index + 1;
         count = token_count - result_index - 1;
     }
-    errno = command_errno;
-    analyze(line, stream, tokens, first, count, outcome.return_code, outcome.error_number,
-            outcome.error_value, outcome.residual, outcome.data);
+    analyze(line, stream, tokens, first, count, outcome);
 }
 
 void list_symbols(FILE* stream) {
@@ -107,7 +103,7 @@ void process(const char* line, FILE* stream) {
     int32_t result_index = -1;
     int32_t statement_index = -1;
     StatementKind kind = StatementKind::none;
-    CommandOutcome outcome = {0, 0, 0, 0, 0};
+    CommandOutcome outcome = {0, 0, 0, 0, 0, 0};
     const int32_t token_count =
         parse(line, stream, tokens, command_index, result_index, statement_index, kind);
 

@@ -15,6 +15,11 @@ struct TokenList {
     int32_t length[kMaxTokens];
 };
 
+// The text of token index of line.
+inline std::string_view token_text(const char* line, const TokenList& tokens, int32_t index) {
+    return {line + tokens.start[index], static_cast<std::size_t>(tokens.length[index])};
+}
+
 enum class StatementKind : int32_t {
     none = 0,
     command = 1,
@@ -29,13 +34,18 @@ enum class StatementKind : int32_t {
     delay = 11,
 };
 
-// The five values one command reports and a result clause judges.
+// The five values one command reports and a result clause judges, and the
+// process's errno as the command leaves it: the one its latest call on the
+// device left, else the one it found on entry. A return code of -1 is
+// reported with that number as the error value, also when the command
+// failed without a failed call of its own.
 struct CommandOutcome {
     int32_t return_code;
     int32_t error_number;
     int32_t error_value;
     int32_t residual;
     int32_t data;
+    int32_t last_errno;
 };
 
 // Tokenizes and classifies one line; returns the token count (1..50) of a
@@ -61,14 +71,15 @@ bool count_batch_line();
 void newline_to_blank(char* buffer, std::size_t length);
 
 int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t first, int32_t count,
-            int32_t return_code, int32_t error_number, int32_t error_value, int32_t residual,
-            int32_t data);
+            const CommandOutcome& outcome);
 // The lines the latest analysis wrote about the outcome and its failed checks,
 // as the transcript holds them; empty before any analysis.
 const char* analysis_reason();
 // relation points into the statement line at the relation token.
 int as_expected(int32_t actual, const char* relation, int32_t expected);
 const char* symbolic_value(const char* text, int32_t length);
-void ps_return_error(FILE* stream, int32_t* error_value, int32_t* residual);
+// Stores number, the process's error number after the command, into the
+// error value and 0 into the residual.
+void ps_return_error(FILE* stream, int32_t number, int32_t* error_value, int32_t* residual);
 
 int execute_if(const char* line, FILE* stream, const TokenList& tokens, int32_t count);

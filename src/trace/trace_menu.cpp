@@ -26,23 +26,11 @@ struct Menu {
     char line[kInputLineSize];
     bool advanced;
 
-    // One typed line is one answer, as at the manual test menu: of an
-    // overlong line the first 255 characters count and the rest is dropped,
-    // so the tail of a long file name can never be taken as the next
-    // selection (a tail of "23" would clear the driver's trace table). Read
-    // by character so that a NUL byte cannot hide where the line ends.
-    // End of input answers no prompt, so every caller leaves the menu on false.
-    bool read_line() {
-        std::size_t length = 0;
-        int c = EOF;
-        while ((c = fgetc(in)) != EOF) {
-            if (length < sizeof line - 1) line[length++] = static_cast<char>(c);
-            if (c == '\n') break;
-        }
-        line[length] = '\0';
-        // A stop signal answers no prompt either.
-        return (length > 0 || c != EOF) && !stop_requested();
-    }
+    // One typed line is one answer, as at the manual test menu: the tail of
+    // a long file name can never be taken as the next selection (a tail of
+    // "23" would clear the driver's trace table). End of input, or a stop
+    // signal, answers no prompt, so every caller leaves the menu on false.
+    bool read_line() { return read_answer_line(in, line, sizeof line) && !stop_requested(); }
     Next read_or_leave() { return read_line() ? Next::stay : Next::leave; }
     bool line_empty() const { return line[0] == '\n' || line[0] == '\0'; }
     long answer_number() const { return strtol(line, nullptr, 10); }

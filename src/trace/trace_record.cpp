@@ -3,7 +3,8 @@
 #include <string_view>
 
 #include "context/context.h"
-#include "device/device.h"
+#include "device/access.h"
+#include "device/executor.h"
 #include "trace/trace.h"
 
 TraceState trace_state;
@@ -75,5 +76,5 @@ int dd_trace_request(FILE* stream, uint32_t command) {
     trace_state.record.command = command;
     // `set buffer` can aim one request at an address of the tester's choice.
     void* address = select_buffer(&trace_state.record);
-    return ps_ddioctl(stream, test_context.device_handle, DD_TRACE, address, kTraceRecordLength);
+    return ps_ddioctl(stream, test_context.device_handle, DD_TRACE, address, kTraceRecordLength).value;
 }

@@ -168,7 +168,7 @@ TEST(DeviceCapacity, FromTheBlockSizeRequests) {
         });
         CapturedStream out;
         uint8_t record[8] = {};
-        int rc = ps_get_capacity(out.stream, 3, record, sizeof record);
+        int rc = ps_get_capacity(out.stream, 3, record, sizeof record).value;
         char hex[17] = "";
         for (int i = 0; rc == 0 && i < 8; ++i) snprintf(hex + 2 * i, 3, "%02x", record[i]);
         EXPECT_STREQ(hex, c.record);

@@ -9,7 +9,10 @@
 #include <functional>
 #include <string>
 
-#include "device/device.h"
+#include "device/access.h"
+#include "device/data_commands.h"
+#include "device/executor.h"
+#include "device/variables.h"
 #include "script/script.h"
 
 struct Statement {  // "command NAME ARGS..."
