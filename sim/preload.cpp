@@ -136,28 +136,29 @@ int open_device(int device, int flags) {
     return fd;
 }
 
+constexpr int kNotSimulated = -2;
+
+// The descriptor (or -1 and errno) when `path` names a simulated device
+// node, else kNotSimulated: the C library opens it.
+int open_simulated(const char* path, int flags) {
+    if (!maybe_vpath(path) || driver() == nullptr) return kNotSimulated;
+    bool node = false;
+    int device = sim->device_for_path(path, &node);
+    if (device >= 0) return open_device(device, flags);
+    if (sim->lost()) return errno = EIO, -1;
+    // A node left over for a device the driver does not have.
+    if (node) return errno = ENXIO, -1;
+    return kNotSimulated;
+}
+
 int open_common(const char* path, int flags, mode_t mode) {
-    if (maybe_vpath(path) && driver() != nullptr) {
-        bool node = false;
-        int device = sim->device_for_path(path, &node);
-        if (device >= 0) return open_device(device, flags);
-        if (sim->lost()) return errno = EIO, -1;
-        // A node left over for a device the driver does not have.
-        if (node) return errno = ENXIO, -1;
-    }
+    if (int fd = open_simulated(path, flags); fd != kNotSimulated) return fd;
     REAL(OpenFn, open);
     return forgotten(real_open(path, flags, mode));
 }
 
 int openat_common(int dirfd, const char* path, int flags, mode_t mode) {
-    if (maybe_vpath(path) && driver() != nullptr) {
-        bool node = false;
-        int device = sim->device_for_path(path, &node);
-        if (device >= 0) return open_device(device, flags);
-        if (sim->lost()) return errno = EIO, -1;
-        // A node left over for a device the driver does not have.
-        if (node) return errno = ENXIO, -1;
-    }
+    if (int fd = open_simulated(path, flags); fd != kNotSimulated) return fd;
     REAL(OpenAtFn, openat);
     return forgotten(real_openat(dirfd, path, flags, mode));
 }
