@@ -59,7 +59,7 @@ TEST(HostileReply, StaysInsideTheRecord) {
         CommandOutcome outcome{};
         {
             ScopedFakeIoctl fake([&](int, unsigned long, void* record) { return c.reply(record), 0; });
-            c.command(out.get(), statement.clause(), outcome);
+            c.command(out.stream, statement.clause(), outcome);
         }
         for (const std::string& s : c.shown) EXPECT_NE(out.text().find(s), std::string::npos) << s << "\nin:\n" << out.text();
         for (const std::string& s : c.absent) EXPECT_EQ(out.text().find(s), std::string::npos) << s;

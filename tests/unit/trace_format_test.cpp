@@ -73,7 +73,7 @@ TEST(TraceRawReport, FiguresBeyondTheBuffer) {
         state.record.bytes_reported = size == 64 ? kAll : 0;
         state.record.flags = TRACE_DUMP;
         CapturedStream out;
-        write_raw_report(out.get(), state);
+        write_raw_report(out.stream, state);
         EXPECT_NE(out.text().find(expected), std::string::npos) << size << " " << dump_count;
     }
 }
