@@ -59,13 +59,14 @@ protected:
 TEST_F(State, ConcurrentProcessesLoseNoCounts) {
     Sim sim;
     attach(sim);
+    const auto io = [] { return ssize_t{512}; };
     pid_t children[2];
     for (pid_t& child : children) {
         if ((child = fork()) != 0) continue;
         Sim own;  // no gtest in the child
         std::string error;
         if (!own.attach(dir_, "", &error)) _exit(1);
-        for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, [] { return ssize_t{512}; });
+        for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, io);
         _exit(0);
     }
     for (pid_t child : children) {
@@ -92,9 +93,8 @@ TEST_F(State, CorruptStateIsRebuilt) {
         EXPECT_EQ(sim.state()->devices[0].paths[0].failed, 0);  // started over
     }
     FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
-    ASSERT_NE(f, nullptr);
     const int32_t hostile = 1 << 30;  // the device count
-    std::fseek(f, 16, SEEK_SET), std::fwrite(&hostile, sizeof hostile, 1, f), std::fclose(f);
+    ASSERT_TRUE(f && std::fseek(f, 16, SEEK_SET) == 0 && std::fwrite(&hostile, 4, 1, f) == 1 && std::fclose(f) == 0);
     Sim sim;
     DeviceCountRecord count{};
     ASSERT_EQ(attach(sim).request(kGetNumberDevices, &count), 0);
