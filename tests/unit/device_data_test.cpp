@@ -13,8 +13,6 @@
 #include "device/generator.h"
 #include "support.h"
 
-namespace {
-
 // A scratch file of 1001 sectors opened as the device, variables at their
 // start values (block_max 1000: every random sector lies inside the file).
 struct ScratchDevice {
@@ -27,21 +25,19 @@ struct ScratchDevice {
     ~ScratchDevice() { close(test_context.device_handle), test_context.device_handle = -1, unlink(path), block_max = 0; }
 };
 
-CommandOutcome run(const char* clause, FILE* stream) {
+static CommandOutcome run(const char* clause, FILE* stream) {
     Statement s(std::string("command ") + clause);
     CommandOutcome outcome{};
     execute_command(s.text.c_str(), stream, s.tokens, s.command + 1, s.count - s.command - 1, outcome);
     return outcome;
 }
 
-std::vector<int> library_values(uint32_t seed, size_t n) {
+static std::vector<int> library_values(uint32_t seed, size_t n) {
     srand(seed);
     std::vector<int> v(n);
     for (int& x : v) x = rand();
     return v;
 }
-
-}  // namespace
 
 // Records verify, and random sectors repeat, only while the tool's generator
 // gives what glibc's srand/rand give: seeds where the seeding arithmetic
@@ -56,8 +52,7 @@ TEST(Generator, RunningSequenceAndSeededBytesMatchTheLibrary) {
         for (int& v : running) v = next_running_value();
         ASSERT_EQ(running, library_values(seed, running.size())) << seed;
         seeded_low_bytes(seed, seeded.data());
-        std::vector<int> library = library_values(seed, kSeededBytes);
-        ASSERT_EQ(seeded, std::vector<uint8_t>(library.begin(), library.end())) << seed;
+        for (int i = 0; i < kSeededBytes; ++i) ASSERT_EQ(seeded[i], static_cast<uint8_t>(running[i])) << seed;
     }
 }
 
@@ -76,7 +71,7 @@ TEST(RecordPattern, SeededBySectorAndReseededByOneDraw) {
         EXPECT_EQ(verify_record_pattern(record, sector, wanted), -1) << sector;
         EXPECT_EQ(next_running_value(), after) << sector;
         record[100] ^= 0xff, record[200] ^= 0xff;
-        EXPECT_EQ(verify_record_pattern(record, sector, wanted), 100) << sector;
+        EXPECT_EQ(verify_record_pattern(record, sector, wanted), 100) << sector;  // the first mismatch
         EXPECT_EQ(wanted, static_cast<uint8_t>(expected[96])) << sector;
     }
 }
@@ -186,6 +181,5 @@ TEST(BatchLineCounter, StopsAtInt32Max) {
     test_context.line_number = INT32_MAX - 1;
     EXPECT_TRUE(count_batch_line());
     EXPECT_FALSE(count_batch_line());
-    EXPECT_EQ(test_context.line_number, INT32_MAX);
-    test_context.line_number = 0;
+    EXPECT_EQ(std::exchange(test_context.line_number, 0), INT32_MAX);
 }
