@@ -1,9 +1,7 @@
-// libFuzzer target over the statement path: one statement line through
-// process(), as a batch line or a menu selection would reach it, against a
-// scratch file standing in for the device. Filtered out before they run:
-// `system` (shell commands), `pause` (reads standard input), `delay`
-// (sleeps), `set buffer` (an arbitrary address for the next transfer), and
-// data commands counting "*" or more than kMaxRecords records (slow loops).
+// libFuzzer target: one statement line through process(), as a batch line or
+// a menu selection reaches it, against a scratch file as the device. Left
+// out: `system`, `pause` (reads standard input), `delay`, `set buffer` (an
+// arbitrary address), data commands counting "*" or over kMaxRecords records.
 #include <fcntl.h>
 #include <unistd.h>
 

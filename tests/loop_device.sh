@@ -1,13 +1,11 @@
 #!/bin/sh
-# Direct transfers through a real kernel block device (loop devices over
-# temporary files); needs root, losetup, free loop devices and python3 with
-# glibc, else exits 77 (skipped).   loop_device.sh TARNWICK
-# Proves: a direct write is in the backing file while the device is open and
-# a direct read sees a byte changed behind it (the page cache would hide
-# both); every written sector holds its record, per a reader sharing nothing
-# with the tool but glibc's srand/rand; random_write reaches past the first
-# sectors; on 4096-byte blocks a 512-byte direct write gets EINVAL until
-# device_capacity sets the sector size.
+# Direct transfers through loop devices (root, losetup, python3 with glibc;
+# else status 77, skipped): a direct write is in the backing file while the
+# device is open, a direct read sees a byte changed behind it (the page cache
+# would hide both); every written sector holds its record, per a reader
+# sharing only glibc's srand/rand with the tool; random_write reaches past the
+# first sectors; on 4096-byte blocks a 512-byte direct write gets EINVAL until
+# device_capacity sets the sector size.   loop_device.sh TARNWICK
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
@@ -21,10 +19,8 @@ trap 'exit 1' HUP INT PIPE TERM
 cd "$work" || exit 1
 fail() { echo "FAILED: $*"; tail -n +1 ./*.out; exit 1; }
 
-# check.py IMAGE BLOCK FIRST [MARKER]: blocks 0..FIRST-1 and every block not
-# all zeros hold their record (block number little-endian, then the low bytes
-# of 252 rand() after srand(number), then zeros); prints how many record
-# blocks lie past FIRST; creates MARKER when all is well.
+# check.py IMAGE BLOCK FIRST [MARKER]: blocks 0..FIRST-1 and all not all zeros
+# hold their record; prints how many lie past FIRST; MARKER made if all is well.
 cat > check.py <<'PY'
 import ctypes, sys
 libc = ctypes.CDLL("libc.so.6")
