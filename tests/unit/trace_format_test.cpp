@@ -12,14 +12,13 @@
 
 namespace {
 
+const uint32_t kAll = 0xFFFFFFFFu;
+
 // One entry as the driver lays it out: two hex length digits, text, one final byte.
 std::string entry(const std::string& text) {
     char digits[3];
-    snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(text.size() + 3));
-    return digits + text + "~";
+    return snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(text.size() + 3)), digits + text + "~";
 }
-
-const uint32_t kAll = 0xFFFFFFFFu;
 
 TEST(TraceFormat, StaysInsideTheBuffers) {
     const std::string a = entry("ENTRY a ");
@@ -44,8 +43,7 @@ TEST(TraceFormat, StaysInsideTheBuffers) {
         SCOPED_TRACE(c.name);
         std::vector<uint8_t> raw(c.raw.begin(), c.raw.end()), cooked(c.cooked_size, 'x');
         TraceArgumentRecord record{};
-        record.bytes_reported = c.bytes_reported;
-        record.entry_count = c.entry_count;
+        record.bytes_reported = c.bytes_reported, record.entry_count = c.entry_count;
         uint64_t bytes = 12345;
         dd_trace_format_report(record, c.filter, raw, cooked, bytes);
         ASSERT_LE(bytes, cooked.size());
@@ -65,13 +63,11 @@ TEST(TraceRawReport, FiguresBeyondTheBuffer) {
     };
     for (const auto& [size, dump_count, expected] : cases) {
         TraceState state;
-        state.raw_buffer.reset(new uint8_t[size]);
-        state.raw_size = size;
+        state.raw_buffer.reset(new uint8_t[state.raw_size = size]);
         std::memset(state.raw_buffer.get(), 'r', size);
         if (size == kTraceRawSize) std::memcpy(&state.raw_buffer[kTraceDumpCountOffset], &dump_count, sizeof dump_count);
         state.record = TraceArgumentRecord{};
-        state.record.bytes_reported = size == 64 ? kAll : 0;
-        state.record.flags = TRACE_DUMP;
+        state.record.bytes_reported = size == 64 ? kAll : 0, state.record.flags = TRACE_DUMP;
         CapturedStream out;
         write_raw_report(out.stream, state);
         EXPECT_NE(out.text().find(expected), std::string::npos) << size << " " << dump_count;
