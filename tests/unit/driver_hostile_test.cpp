@@ -50,8 +50,7 @@ TEST(HostileReply, StaysInsideTheRecord) {
      {"Completion Status: Error!!! Unexpected Value (-2147483648)\n",
       "I/O:            4294967295   4294967295   4294967295    42949672954294967295\n"},
      {}},
-};
-
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Statement statement(std::string("command ") + c.line);
