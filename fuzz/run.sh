@@ -6,6 +6,7 @@
 # and make the script exit 1.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/build/fuzz
 limit=(-runs=10000000)
 while getopts "r:t:" option; do
     case $option in
@@ -16,17 +17,18 @@ while getopts "r:t:" option; do
 done
 shift $((OPTIND - 1))
 cd "$root" && cmake --workflow --preset fuzz >/dev/null
-build=$root/build/fuzz
 [ $# -gt 0 ] || set -- statement_fuzzer trace_report_fuzzer
-mkdir -p "$build/artifacts"
 status=0
 for target; do
-    corpus=$build/corpus/$target
-    mkdir -p "$corpus"
-    extra=()
+    corpus=$build/corpus/$target extra=()
+    mkdir -p "$corpus" "$build/artifacts"
     if [ "$target" = statement_fuzzer ]; then
         grep -hv '^#\|^$' examples/*.tw | split -a 4 -l 1 - "$corpus/seed-"
-        extra=(-dict="$root/fuzz/statement.dict")
+        # Keywords the fuzzer would hardly guess byte by byte.
+        printf '"%s"\n' command result set if skip read_verify random_write get_inquiry device_capacity \
+            get_device_state set_path set_controller records block_seek block_count errno has vendor_id \
+            '$D' RW+DIRECT EIO > "$build/statement.dict"
+        extra=(-dict="$build/statement.dict")
     else  # a trace report: mask byte, entry count, bytes reported, entries
         printf '\x7c\x03\0\0\0\0\0\0\0%s' '0EENTRY open\n' '0DEXIT open \n' '0Cdebug: x  \n' >"$corpus/seed-1"
     fi

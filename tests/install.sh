@@ -1,10 +1,8 @@
 #!/bin/sh
-# The installed tree works on its own: `cmake --install` into a temporary
-# prefix, move the prefix elsewhere (the programs find what they need
-# relative to themselves), then run an installed example with the installed
-# programs while the build tree is hidden (an empty tmpfs over it, in a user
-# and mount namespace, where the system allows one).
-#   tests/install.sh BUILD_DIR
+# The installed tree works on its own: installed into a temporary prefix and
+# moved (the programs find what they need relative to themselves), it runs
+# an example with the build tree hidden (an empty tmpfs over it, in a user
+# and mount namespace, where the system allows one).   install.sh BUILD_DIR
 set -eu
 if [ "${1:-}" = --run-example ]; then
     cd "$3"
@@ -19,14 +17,12 @@ trap 'rm -rf "$work"' EXIT
 fail() { echo "install test: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$work/first" > /dev/null
-mv "$work/first" "$work/prefix"
 p=$work/prefix
+mv "$work/first" "$p"
 lib=$(find "$p" -name libvpathsim_preload.so)
-for file in bin/tarnwick bin/vpathsim share/man/man1/tarnwick.1 \
-            share/man/man1/vpathsim.1 share/doc/tarnwick/language.md share/doc/tarnwick/simulator.md \
-            share/doc/tarnwick/examples/failover-midwrite.tw; do
-    [ -e "$p/$file" ] || fail "$file not installed"
-done
+for file in bin/tarnwick bin/vpathsim share/man/man1/tarnwick.1 share/man/man1/vpathsim.1 \
+    share/doc/tarnwick/language.md share/doc/tarnwick/simulator.md share/doc/tarnwick/examples/failover-midwrite.tw
+do [ -e "$p/$file" ] || fail "$file not installed"; done
 
 # The library vpathsim preloads is the installed one.
 unset VPATHSIM_LIB VPATHSIM_STATE VPATHSIM_CONFIG

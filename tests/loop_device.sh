@@ -1,22 +1,17 @@
 #!/bin/sh
-# Direct transfers through a real kernel block device (loop devices over
-# temporary files). Needs root, losetup, free loop devices and python3 with
-# glibc; anywhere else it exits 77, which CTest reports as skipped.
-#   loop_device.sh TARNWICK
-# Proves, beyond the tool's own result checks: a direct write is in the
-# backing file while the device is still open, and a direct read sees a
-# byte changed behind the device (the page cache would hide both); every
-# written sector holds its record, read by a reader sharing nothing with the
-# tool but glibc's srand/rand; random_write reaches past the first sectors;
-# on 4096-byte blocks a 512-byte direct write gets EINVAL until
-# device_capacity sets the sector size.
+# Direct transfers through loop devices (root, losetup, python3 with glibc;
+# else status 77, skipped): a direct write is in the backing file while the
+# device is open, a direct read sees a byte changed behind it (the page cache
+# would hide both); every written sector holds its record, per a reader
+# sharing only glibc's srand/rand with the tool; random_write reaches past the
+# first sectors; on 4096-byte blocks a 512-byte direct write gets EINVAL until
+# device_capacity sets the sector size.   loop_device.sh TARNWICK
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || skip "not root"
 command -v losetup >/dev/null 2>&1 || skip "no losetup"
 python3 -c 'import ctypes; ctypes.CDLL("libc.so.6").rand' 2>/dev/null || skip "no python3 with glibc"
-
 work=$(mktemp -d) || exit 1
 loops=""
 trap 'for l in $loops; do losetup -d "$l" 2>/dev/null; done; rm -rf "$work"' EXIT
@@ -24,10 +19,8 @@ trap 'exit 1' HUP INT PIPE TERM
 cd "$work" || exit 1
 fail() { echo "FAILED: $*"; tail -n +1 ./*.out; exit 1; }
 
-# check.py IMAGE BLOCK FIRST [MARKER]: blocks 0..FIRST-1, and every block
-# not all zeros, hold their record (bytes 0-3 the block number, little-endian;
-# 4-255 the low bytes of rand() after srand(number); zeros after). Prints
-# how many record blocks lie past FIRST; with MARKER, creates it when all is well.
+# check.py IMAGE BLOCK FIRST [MARKER]: blocks 0..FIRST-1 and all not all zeros
+# hold their record; prints how many lie past FIRST; MARKER made if all is well.
 cat > check.py <<'PY'
 import ctypes, sys
 libc = ctypes.CDLL("libc.so.6")
@@ -42,23 +35,22 @@ bad = [n for n in used if blocks[n] != record(n)]
 if len(blocks) < first or bad:
     sys.exit("blocks without their record: %s" % bad[:5])
 print("records past the first %d: %d" % (first, len(used) - first))
-if len(sys.argv) > 4:
-    open(sys.argv[4], "w").close()
+len(sys.argv) > 4 and open(sys.argv[4], "w").close()
 PY
 
-attach() {  # attach IMAGE [LOSETUP OPTIONS]: the new device in $loop
-    i=$1; shift
-    loop=$(losetup "$@" -f --show "$i" 2>/dev/null) && loops="$loops $loop"
-}
-run() {  # run NAME DEVICE: NAME.tw (from standard input) against DEVICE, then detach it
-    cat > "$1.tw"
-    "$tarnwick" -f "$1.tw" -o "$1.out" -d "$2" >stdout.out 2>&1 || fail "$1 run"
-    losetup -d "$2" || fail "losetup -d $2"
-    loops=$(echo "$loops" | sed "s#$2##")
+# run NAME IMAGE [LOSETUP OPTIONS]: NAME.tw (standard input) against IMAGE's loop device
+run() {
+    n=$1 i=$2; shift 2
+    loop=$(losetup "$@" -f --show "$i" 2>/dev/null) || return 1
+    loops="$loops $loop"
+    cat > "$n.tw"
+    "$tarnwick" -f "$n.tw" -o "$n.out" -d "$loop" >stdout.out 2>&1 || fail "$n run"
+    losetup -d "$loop" || fail "losetup -d $loop"
+    loops=$(echo "$loops" | sed "s#$loop##")
 }
 
-truncate -s 64M disk.img && attach disk.img || skip "no loop device could be set up"
-run sweep "$loop" <<'EOF'
+truncate -s 64M disk.img
+run sweep disk.img <<'EOF' || skip "no loop device could be set up"
 command open $D RW+DIRECT result rc >= 0
 command device_capacity result rc == 0
 command write records = 1000 result rc == 512
@@ -80,8 +72,8 @@ grep -qx "block 5 verify failed at byte 100, expected 2, read ff " sweep.out || 
 python3 check.py disk.img 512 1000 >check.out || fail "backing file after the sweep"
 grep -qx "records past the first 1000: 0" check.out && fail "random_write stayed within the first 1000 sectors"
 
-truncate -s 16M disk4k.img && attach disk4k.img --sector-size 4096 || skip "losetup cannot set a 4096-byte sector size"
-run big "$loop" <<'EOF'
+truncate -s 16M disk4k.img
+run big disk4k.img --sector-size 4096 <<'EOF' || skip "losetup cannot set a 4096-byte sector size"
 command open $D RW+DIRECT+SYNC result rc >= 0
 command write result rc == -1 errno == EINVAL
 command device_capacity result rc == 0

@@ -1,7 +1,6 @@
 // The simulator's own state: a topology file with nonsense is refused with
-// its line, processes updating the shared state at once lose nothing, and a
-// corrupt state file is rebuilt rather than trusted. What the driver answers
-// is proved by the golden cases run under the simulator.
+// its line, concurrent updates lose nothing, corrupt state is rebuilt rather
+// than trusted. What the driver answers is proved by the golden cases.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -21,23 +20,19 @@ namespace {
 std::string repeat(const std::string& text, int times) { return times > 0 ? text + repeat(text, times - 1) : ""; }
 
 TEST(Config, NonsenseIsRefusedWithItsLine) {
-    const std::pair<std::string, const char*> cases[] = {
-        {"", "no device declared"},
-        {"adapter a\ndevice\n", "device 0 has no path"},
+    const std::string ad = "adapter a\ndevice", size = "line 2: bad size (a multiple of 512, K/M/G allowed)";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "no device declared"}, {ad + "\n", "device 0 has no path"},
         {"path p adapter=0\n", "line 1: path before any device"},
-        {"adapter a\ndevice\npath p adapter=1\n", "line 3: path names an adapter that is not declared"},
-        {"adapter a\ndevice\npath p\n", "line 3: path needs a name and adapter=N"},
-        {"adapter\n", "line 1: adapter needs a name"},
-        {"adapter a b\n", "line 1: unexpected 'b'"},
-        {"adapter a\ndevice size=0\n", "line 2: bad size (a multiple of 512, K/M/G allowed)"},
-        {"adapter a\ndevice size=99999999999999999999G\n", "line 2: bad size (a multiple of 512, K/M/G allowed)"},
-        {"adapter a\ndevice policy=0\n", "line 2: policy must be 1 to 7"},
-        {"adapter a\ndevice devtype=256\n", "line 2: devtype must be 0 to 255"},
-        {"adapter a\ndevice colour=red\n", "line 2: unknown device key 'colour'"},
-        {"adapter a\ndevice serial\n", "line 2: expected key=value, got 'serial'"},
-        {"disk 0\n", "line 1: unknown keyword 'disk'"},
+        {ad + "\npath p adapter=1\n", "line 3: path names an adapter that is not declared"},
+        {ad + "\npath p\n", "line 3: path needs a name and adapter=N"},
+        {"adapter\n", "line 1: adapter needs a name"}, {"adapter a b\n", "line 1: unexpected 'b'"},
+        {ad + " size=0\n", size}, {ad + " size=99999999999999999999G\n", size},
+        {ad + " policy=0\n", "line 2: policy must be 1 to 7"}, {ad + " devtype=256\n", "line 2: devtype must be 0 to 255"},
+        {ad + " colour=red\n", "line 2: unknown device key 'colour'"},
+        {ad + " serial\n", "line 2: expected key=value, got 'serial'"}, {"disk 0\n", "line 1: unknown keyword 'disk'"},
         {repeat("adapter a\n", kMaxAdapterEntries + 1), "line 33: too many adapters"},
-        {"adapter a\ndevice\n" + repeat("path p adapter=0\n", kMaxPathEntries + 1), "line 35: too many paths"},
+        {ad + "\n" + repeat("path p adapter=0\n", kMaxPathEntries + 1), "line 35: too many paths"},
         {"adapter a\n" + repeat("device\npath p adapter=0\n", kMaxDevices + 1), "line 34: too many devices"},
     };
     for (const auto& [text, expected] : cases) {
@@ -64,17 +59,15 @@ protected:
 TEST_F(State, ConcurrentProcessesLoseNoCounts) {
     Sim sim;
     attach(sim);
+    const auto io = [] { return ssize_t{512}; };
     pid_t children[2];
     for (pid_t& child : children) {
-        child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            Sim own;
-            std::string error;
-            if (!own.attach(dir_, "", &error)) _exit(1);  // no gtest in the child
-            for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, [] { return ssize_t{512}; });
-            _exit(0);
-        }
+        if ((child = fork()) != 0) continue;
+        Sim own;  // no gtest in the child
+        std::string error;
+        if (!own.attach(dir_, "", &error)) _exit(1);
+        for (int i = 0; i < 300; ++i) own.transfer(1, i % 2, 0, 512, io);
+        _exit(0);
     }
     for (pid_t child : children) {
         int status = -1;
@@ -100,17 +93,15 @@ TEST_F(State, CorruptStateIsRebuilt) {
         EXPECT_EQ(sim.state()->devices[0].paths[0].failed, 0);  // started over
     }
     FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
-    ASSERT_NE(f, nullptr);
     const int32_t hostile = 1 << 30;  // the device count
-    std::fseek(f, 16, SEEK_SET), std::fwrite(&hostile, sizeof hostile, 1, f), std::fclose(f);
+    ASSERT_TRUE(f && std::fseek(f, 16, SEEK_SET) == 0 && std::fwrite(&hostile, 4, 1, f) == 1 && std::fclose(f) == 0);
     Sim sim;
     DeviceCountRecord count{};
     ASSERT_EQ(attach(sim).request(DD_GET_NUMBER_DEVICES, &count), 0);
     EXPECT_EQ(count.number_of_devices, 2);
 }
 
-// A fault table that names what the topology lacks is started over rather
-// than obeyed.
+// A fault table naming what the topology lacks is started over, not obeyed.
 TEST_F(State, HostileFaultTableIsRebuilt) {
     {
         Sim sim;

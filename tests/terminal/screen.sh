@@ -3,32 +3,22 @@
 # script(1)): a long write shows its status line, rewritten in place and
 # erased at the end; after the failed check's verdict the failing line and its
 # analysis follow, its errno untouched by what the screen needed. Standard
-# output, a file here, keeps only its usual lines.
-# Usage: screen.sh TARNWICK
+# output, a file here, keeps only its usual lines.   screen.sh TARNWICK
 set -eu
-tool=$1
 command -v script >/dev/null || { echo "script(1) is not installed"; exit 77; }
-dir=$(mktemp -d)
+tool=$1 dir=$(mktemp -d) esc=$(printf '\033') cr=$(printf '\r')
 trap 'rm -rf "$dir"' EXIT
 cd "$dir"
-esc=$(printf '\033')
-cr=$(printf '\r')
-
 # The write must outlast the one second before the line shows; a machine too
 # fast for the first count gets a second try with four times as many.
 for records in 300000 1200000; do
     : > disk.img
-    cat > t.tw <<EOF
-command open disk.img RW result rc >= 0
-command write records = 1 data = 7 result rc == 512
-command write records = $records result rc == 512
-set block_seek = 0
-command read_verify records = 2 result rc == 512
-EOF
+    printf '%s\n' 'command open disk.img RW result rc >= 0' 'command write records = 1 data = 7 result rc == 512' \
+        "command write records = $records result rc == 512" 'set block_seek = 0' \
+        'command read_verify records = 2 result rc == 512' > t.tw
     script -qfec "'$tool' -f t.tw -o t.out -d x > out.txt" /dev/null < /dev/null > screen.raw || true
     grep -q "^${cr}write [0-9]* of $records records" screen.raw && break
 done
-
 cat > reason.expected <<EOF
 ${cr}${esc}[KLine     5 >>> command read_verify records = 2 result rc == 512$cr
 analyze return code -1  errno 0 (Successful) $cr
@@ -43,19 +33,15 @@ Usage:
 ERROR, test at line 5 failed!
 Test "t.tw" has failed at line 5.
 EOF
-
 status=0
 cmp -s out.txt out.expected || { echo "standard output differs:"; diff out.expected out.txt; status=1; }
 size=$(wc -c < reason.expected)
-total=$(wc -c < screen.raw)
 tail -c "$size" screen.raw > reason.actual
 cmp -s reason.actual reason.expected || { echo "reason differs:"; diff reason.expected reason.actual | cat -A; status=1; }
 # Before the reason: one or more redraws of the status line, nothing else.
-head -c $((total - size)) screen.raw | tr '\r' '\n' | tail -n +2 > progress.lines
+head -c $(($(wc -c < screen.raw) - size)) screen.raw | tr '\r' '\n' | tail -n +2 > progress.lines
 line="^write [0-9]* of $records records, [0-9.]* [KMGT]*i*B, [0-9.]* [KMGT]*i*B/s, [0-9:-]* left${esc}\[K\$"
 if [ ! -s progress.lines ] || grep -qv "$line" progress.lines; then
-    echo "status line not as expected:"
-    cat -A progress.lines
-    status=1
+    echo "status line not as expected:"; cat -A progress.lines; status=1
 fi
 exit $status

@@ -33,9 +33,7 @@ struct CapturedStream {  // its bytes, NULs included, read back by text()
     FILE* stream = open_memstream(&data, &size);
     CapturedStream() = default;
     CapturedStream(const CapturedStream&) = delete;
-    CapturedStream& operator=(const CapturedStream&) = delete;
     ~CapturedStream() { fclose(stream), free(data); }
-    FILE* get() const { return stream; }
     std::string text() { return fflush(stream), std::string(data, size); }
 };
 
@@ -43,7 +41,6 @@ using FakeIoctl = std::function<int(int descriptor, unsigned long request, void*
 void set_fake_ioctl(FakeIoctl handler);  // an empty handler restores the real call
 struct ScopedFakeIoctl {
     explicit ScopedFakeIoctl(FakeIoctl handler) { set_fake_ioctl(std::move(handler)); }
-    ~ScopedFakeIoctl() { set_fake_ioctl({}); }
     ScopedFakeIoctl(const ScopedFakeIoctl&) = delete;
-    ScopedFakeIoctl& operator=(const ScopedFakeIoctl&) = delete;
+    ~ScopedFakeIoctl() { set_fake_ioctl({}); }
 };

@@ -12,61 +12,44 @@
 
 namespace {
 
+const uint32_t kAll = 0xFFFFFFFFu;
+
 // One entry as the driver lays it out: two hex length digits, text, one final byte.
 std::string entry(const std::string& text) {
     char digits[3];
-    snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(text.size() + 3));
-    return digits + text + "~";
+    return snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(text.size() + 3)), digits + text + "~";
 }
 
-const std::string kA = entry("ENTRY a ");
-const uint32_t kAll = 0xFFFFFFFFu;
-const uint64_t kDefault = kTraceDefaultFilter;
-
-struct Format {
-    const char* name;
-    std::string raw;
-    uint32_t bytes_reported, entry_count;
-    uint64_t filter;
-    std::size_t cooked_size;
-    std::string expected;
-};
-
-const Format kFormats[] = {
-    {"filter_selects_classes", kA + entry("EXIT b ") + entry("state 4 "), kAll, kAll, TRACE_EXIT | TRACE_DEBUG, 99,
-     "EXIT b state 4 "},
-    {"entry_count_limits", kA + entry("EXIT b "), kAll, 1, kDefault, 99, "ENTRY a "},
-    {"byte_count_checked_after_each_entry", kA + entry("EXIT b ") + entry("EXIT c "), 12, kAll, kDefault, 99,
-     "ENTRY a EXIT b "},
-    {"length_two_ends", kA + "02garbage" + entry("ENTRY never "), kAll, kAll, kDefault, 99, "ENTRY a "},
-    {"length_past_the_buffer_ends", kA + "FFshort", kAll, kAll, kDefault, 99, "ENTRY a "},
-    {"one_length_digit_at_the_end", kA + "F", kAll, kAll, kDefault, 99, "ENTRY a "},
-    {"final_byte_may_be_missing", "09EXIT z", kAll, kAll, kDefault, 99, "EXIT z"},
-    {"odd_digits_count_as_zero", "G9ab!!!!~", kAll, 1, kDefault, 99, "ab!!!!"},
-    {"short_texts_compare_within_the_text", entry("E") + entry("EXI") + entry("ENTR"), kAll, kAll, TRACE_DEBUG, 99,
-     "EEXIENTR"},
-    {"full_cooked_buffer_ends", kA + entry("ENTRY b "), kAll, kAll, kDefault, 12, "ENTRY a "},
-    {"empty_raw_buffer", "", kAll, kAll, kDefault, 99, ""},
-};
-
-class TraceFormat : public testing::TestWithParam<Format> {};
-
-TEST_P(TraceFormat, StaysInsideTheBuffers) {
-    const Format& c = GetParam();
-    std::vector<uint8_t> raw(c.raw.begin(), c.raw.end()), cooked(c.cooked_size, 'x');
-    TraceArgumentRecord record{};
-    record.bytes_reported = c.bytes_reported;
-    record.entry_count = c.entry_count;
-    uint64_t bytes = 12345;
-    dd_trace_format_report(record, c.filter, raw, cooked, bytes);
-    ASSERT_LE(bytes, cooked.size());
-    EXPECT_EQ(std::string(cooked.begin(), cooked.begin() + static_cast<std::ptrdiff_t>(bytes)), c.expected);
-    EXPECT_EQ(std::string(cooked.begin() + static_cast<std::ptrdiff_t>(bytes), cooked.end()),
-              std::string(cooked.size() - bytes, ' '));
+TEST(TraceFormat, StaysInsideTheBuffers) {
+    const std::string a = entry("ENTRY a ");
+    const uint64_t d = kTraceDefaultFilter;
+    const struct { const char* name; std::string raw; uint32_t bytes_reported, entry_count; uint64_t filter;
+                   std::size_t cooked_size; std::string expected; } cases[] = {
+        {"filter selects classes", a + entry("EXIT b ") + entry("state 4 "), kAll, kAll, TRACE_EXIT | TRACE_DEBUG, 99,
+         "EXIT b state 4 "},
+        {"entry count limits", a + entry("EXIT b "), kAll, 1, d, 99, "ENTRY a "},
+        {"byte count checked after each entry", a + entry("EXIT b ") + entry("EXIT c "), 12, kAll, d, 99, "ENTRY a EXIT b "},
+        {"length two ends", a + "02garbage" + entry("ENTRY never "), kAll, kAll, d, 99, "ENTRY a "},
+        {"length past the buffer ends", a + "FFshort", kAll, kAll, d, 99, "ENTRY a "},
+        {"one length digit at the end", a + "F", kAll, kAll, d, 99, "ENTRY a "},
+        {"final byte may be missing", "09EXIT z", kAll, kAll, d, 99, "EXIT z"},
+        {"odd digits count as zero", "G9ab!!!!~", kAll, 1, d, 99, "ab!!!!"},
+        {"short texts compare within the text", entry("E") + entry("EXI") + entry("ENTR"), kAll, kAll, TRACE_DEBUG, 99,
+         "EEXIENTR"},
+        {"full cooked buffer ends", a + entry("ENTRY b "), kAll, kAll, d, 12, "ENTRY a "},
+        {"empty raw buffer", "", kAll, kAll, d, 99, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uint8_t> raw(c.raw.begin(), c.raw.end()), cooked(c.cooked_size, 'x');
+        TraceArgumentRecord record{};
+        record.bytes_reported = c.bytes_reported, record.entry_count = c.entry_count;
+        uint64_t bytes = 12345;
+        dd_trace_format_report(record, c.filter, raw, cooked, bytes);
+        ASSERT_LE(bytes, cooked.size());
+        EXPECT_EQ(std::string(cooked.begin(), cooked.end()), c.expected + std::string(cooked.size() - bytes, ' '));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Hostile, TraceFormat, testing::ValuesIn(kFormats),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 // The raw report writes no more than the buffer holds, whatever the record
 // and the dump count claim: raw size, dump count, a part of what is written.
@@ -80,15 +63,13 @@ TEST(TraceRawReport, FiguresBeyondTheBuffer) {
     };
     for (const auto& [size, dump_count, expected] : cases) {
         TraceState state;
-        state.raw_buffer.reset(new uint8_t[size]);
-        state.raw_size = size;
+        state.raw_buffer.reset(new uint8_t[state.raw_size = size]);
         std::memset(state.raw_buffer.get(), 'r', size);
         if (size == kTraceRawSize) std::memcpy(&state.raw_buffer[kTraceDumpCountOffset], &dump_count, sizeof dump_count);
         state.record = TraceArgumentRecord{};
-        state.record.bytes_reported = size == 64 ? kAll : 0;
-        state.record.flags = TRACE_DUMP;
+        state.record.bytes_reported = size == 64 ? kAll : 0, state.record.flags = TRACE_DUMP;
         CapturedStream out;
-        write_raw_report(out.get(), state);
+        write_raw_report(out.stream, state);
         EXPECT_NE(out.text().find(expected), std::string::npos) << size << " " << dump_count;
     }
 }
