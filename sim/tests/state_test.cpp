@@ -81,59 +81,34 @@ TEST_F(State, ConcurrentProcessesLoseNoCounts) {
     EXPECT_EQ(stats.io.total_write, 300u);
 }
 
+// Each hostile value in a loaded state (an unterminated name, a count later
+// used as a bound, a fault naming what the topology lacks) makes it start
+// over, the offline path coming back, instead of being trusted.
 TEST_F(State, CorruptStateIsRebuilt) {
-    {
-        Sim sim;  // an adapter name without its terminating NUL, and a failed path
-        std::memset(attach(sim).state()->topology.adapter_names[1], 'x', 16);
-        ASSERT_TRUE(sim.fail_path(0, 0));
-    }
-    {
-        Sim sim;
-        EXPECT_STREQ(attach(sim).state()->topology.adapter_names[1], "scsi1");
-        EXPECT_EQ(sim.state()->devices[0].paths[0].failed, 0);  // started over
-    }
-    FILE* f = std::fopen((dir_ + "/state").c_str(), "r+");
-    const int32_t hostile = 1 << 30;  // the device count
-    ASSERT_TRUE(f && std::fseek(f, 16, SEEK_SET) == 0 && std::fwrite(&hostile, 4, 1, f) == 1 && std::fclose(f) == 0);
-    Sim sim;
-    DeviceCountRecord count{};
-    ASSERT_EQ(attach(sim).request(DD_GET_NUMBER_DEVICES, &count), 0);
-    EXPECT_EQ(count.number_of_devices, 2);
-}
-
-// A fault table naming what the topology lacks is started over, not obeyed.
-TEST_F(State, HostileFaultTableIsRebuilt) {
-    {
-        Sim sim;
-        std::string error;
-        ASSERT_TRUE(attach(sim).arm({kFaultFailPath, 0, 1, 0, 0, false}, &error)) << error;
-        ASSERT_TRUE(sim.arm({kFaultFailPath, 1, 0, 0, 9, false}, &error)) << error;
-        sim.state()->faults.scheduled[0].target = 4;  // vpath1 has paths 0 to 3
-    }
-    Sim sim;
-    EXPECT_EQ(attach(sim).state()->faults.scheduled_count, 0);
-    EXPECT_EQ(sim.state()->devices[0].paths[1].failed, 0);
-}
-
-// Counts later used as bounds: each hostile value makes the loaded state
-// start over (the offline path comes back) instead of being trusted.
-TEST_F(State, CountsUsedAsBoundsAreCheckedOnLoad) {
-    const std::function<void(SharedState&)> corruptions[] = {
-        [](SharedState& s) { s.trace.used = kTraceTableSize + 1; },
-        [](SharedState& s) { s.trace.used = 2, s.trace.entries = 1; },  // std::clamp(oldest, 3, 2)
-        [](SharedState& s) { s.trace.used = 30, s.trace.last_offset = 31; },
-        [](SharedState& s) { s.devices[1].last_path = INT32_MAX; },
-        [](SharedState& s) { s.devices[0].last_path = -1; },
+    const std::function<void(Sim&)> corruptions[] = {
+        [](Sim& s) { std::memset(s.state()->topology.adapter_names[1], 'x', 16); },
+        [](Sim& s) { s.state()->topology.device_count = 1 << 30; },
+        [](Sim& s) { s.state()->trace.used = kTraceTableSize + 1; },
+        [](Sim& s) { s.state()->trace.used = 2, s.state()->trace.entries = 1; },  // std::clamp(oldest, 3, 2)
+        [](Sim& s) { s.state()->trace.used = 30, s.state()->trace.last_offset = 31; },
+        [](Sim& s) { s.state()->devices[1].last_path = INT32_MAX; },
+        [](Sim& s) { s.state()->devices[0].last_path = -1; },
+        [](Sim& s) {
+            std::string error;
+            EXPECT_TRUE(s.arm({kFaultFailPath, 1, 0, 0, 9, false}, &error)) << error;
+            s.state()->faults.scheduled[0].target = 4;  // vpath1 has paths 0 to 3
+        },
     };
-    Sim sim;
-    attach(sim);
     for (const auto& corrupt : corruptions) {
+        Sim sim;
         SetPathRecord offline{-1, 0, 0, 2};
-        ASSERT_EQ(sim.request(DD_SET_PATH, &offline), 0);
-        corrupt(*sim.state());
+        ASSERT_EQ(attach(sim).request(DD_SET_PATH, &offline), 0);
+        corrupt(sim);
         Sim other;
         EXPECT_EQ(attach(other).state()->devices[0].paths[0].offline, 0);
         EXPECT_EQ(other.state()->trace.used, 0u);
+        EXPECT_EQ(other.state()->faults.scheduled_count, 0);
+        EXPECT_STREQ(other.state()->topology.adapter_names[1], "scsi1");
     }
 }
 

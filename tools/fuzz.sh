@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (preset "fuzz") and runs them.
-#   fuzz/run.sh [-r RUNS | -t SECONDS] [TARGET...]   (default: 10000000 runs of every target)
+#   tools/fuzz.sh [-r RUNS | -t SECONDS] [TARGET...]   (default: 10000000 runs of every target)
 # Corpora grow in build/fuzz/corpus/TARGET (statements seeded from the lines
 # of examples/*.tw); crashes, leaks and timeouts land in build/fuzz/artifacts/
 # and make the script exit 1.
