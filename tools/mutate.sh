@@ -38,8 +38,7 @@ while IFS=$'\t' read -r name file from to; do
     if [ ${#only[@]} -gt 0 ] && [[ ! " ${only[*]} " == *" $name "* ]]; then continue; fi
     total=$((total + 1))
     cp "$file" "$file.orig"
-    if ! FROM=$from TO=$to perl -0pi -e 'BEGIN { $n = 0 } $n += s/\Q$ENV{FROM}\E/$ENV{TO}/' \
-        -e 'END { exit($n ? 0 : 1) }' "$file"; then
+    if ! FROM=$from TO=$to perl -0pi -e 'BEGIN { $n = 0 } $n += s/\Q$ENV{FROM}\E/$ENV{TO}/; END { exit($n ? 0 : 1) }' "$file"; then
         printf '%-32s not applied (text not found in %s)\n' "$name" "$file"
         mv "$file.orig" "$file"
         continue
