@@ -58,11 +58,15 @@ bool attach_failed = false;
 vpathsim::Sim* driver() {
     std::lock_guard<std::mutex> guard(attach_mutex);
     if (sim == nullptr && !attach_failed) {
+        // Attaching makes directories and maps files; a driver's open leaves
+        // the caller's errno alone, and so must the first one here.
+        const int caller_errno = errno;
         auto* candidate = new vpathsim::Sim;
         std::string error;
         const char* config = getenv("VPATHSIM_CONFIG");
         if (candidate->attach(vpathsim::default_state_dir(), config ? config : "", &error)) {
             sim = candidate;
+            errno = caller_errno;
         } else {
             std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
             attach_failed = true;
