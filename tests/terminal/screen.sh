@@ -1,10 +1,9 @@
 #!/bin/sh
 # A batch run with standard error on a terminal (a pseudo-terminal from
-# script(1)): a long write shows its status line, rewritten in place and
-# erased at the end; after the failed check's verdict the failing line and its
-# analysis follow, its errno untouched by what the screen needed. Standard
-# output, a file here, keeps only its usual lines (after the usage text).
-#   screen.sh TARNWICK
+# script(1)): a long write shows its status line, rewritten in place and erased
+# at the end; after the failed check's verdict the failing line and its analysis
+# follow, its errno untouched by what the screen needed. Standard output, a file
+# here, keeps only its usual lines (after the usage text).  screen.sh TARNWICK
 set -eu
 command -v script >/dev/null || { echo "script(1) is not installed"; exit 77; }
 tool=$1 dir=$(mktemp -d) esc=$(printf '\033') cr=$(printf '\r')
