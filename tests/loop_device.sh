@@ -13,8 +13,8 @@ skip() { echo "skipped: $*"; exit 77; }
 command -v losetup >/dev/null 2>&1 || skip "no losetup"
 python3 -c 'import ctypes; ctypes.CDLL("libc.so.6").rand' 2>/dev/null || skip "no python3 with glibc"
 work=$(mktemp -d) || exit 1
-loops=""
-trap 'for l in $loops; do losetup -d "$l" 2>/dev/null; done; rm -rf "$work"' EXIT
+loop=""
+trap '[ -z "$loop" ] || losetup -d "$loop"; rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT PIPE TERM
 cd "$work" || exit 1
 fail() { echo "FAILED: $*"; tail -n +1 ./*.out; exit 1; }
@@ -42,11 +42,10 @@ PY
 run() {
     n=$1 i=$2; shift 2
     loop=$(losetup "$@" -f --show "$i" 2>/dev/null) || return 1
-    loops="$loops $loop"
     cat > "$n.tw"
     "$tarnwick" -f "$n.tw" -o "$n.out" -d "$loop" >stdout.out 2>&1 || fail "$n run"
     losetup -d "$loop" || fail "losetup -d $loop"
-    loops=$(echo "$loops" | sed "s#$loop##")
+    loop=""
 }
 
 truncate -s 64M disk.img
