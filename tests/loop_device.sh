@@ -43,7 +43,9 @@ run() {
     n=$1 i=$2; shift 2
     loop=$(losetup "$@" -f --show "$i" 2>/dev/null) || return 1
     cat > "$n.tw"
-    "$tarnwick" -f "$n.tw" -o "$n.out" -d "$loop" >stdout.out 2>&1 || fail "$n run"
+    # Bounded, so that a run that never ends still leaves the loop device to
+    # this script's clean-up rather than to the test driver's kill.
+    timeout 60 "$tarnwick" -f "$n.tw" -o "$n.out" -d "$loop" >stdout.out 2>&1 || fail "$n run"
     losetup -d "$loop" || fail "losetup -d $loop"
     loop=""
 }
