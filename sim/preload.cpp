@@ -112,10 +112,11 @@ int forgotten(int fd) {
     return fd;
 }
 
-// A copy of a descriptor is ours exactly when the original is; the number it
-// lands on loses whatever it held before.
+// A copy of a descriptor is ours exactly when the original is, and shares
+// its open file, O_DIRECT included; the number it lands on loses whatever it
+// held before.
 int copied(int from, int to) {
-    if (to >= 0 && to != from) set_device(to, device_of(from));
+    if (to >= 0 && to != from) set_device(to, device_of(from), is_direct(from));
     return to;
 }
 
