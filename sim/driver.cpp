@@ -21,7 +21,7 @@ namespace vpathsim {
 namespace {
 
 constexpr char kMagic[8] = {'v', 'p', 'a', 't', 'h', 's', 'i', 'm'};
-constexpr uint32_t kVersion = 2;
+constexpr uint32_t kVersion = 3;
 // What the trace record shows as the table's "kernel address".
 constexpr uint64_t kTableAddress = 0xffffc90000a00000ull;
 
@@ -101,7 +101,7 @@ bool valid_layout(const SharedState& s) {
         return false;
     for (int d = 0; d < t.device_count; ++d)
         if (s.devices[d].last_path < 0 || s.devices[d].last_path >= t.devices[d].path_count) return false;
-    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && valid_faults(s);
+    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && valid_faults(s) && valid_in_flight(s);
 }
 
 }  // namespace
@@ -121,6 +121,7 @@ Sim::~Sim() {
 }
 
 bool Sim::lock() {
+    thread_lock_.lock();
     while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {}
     if (state_ == nullptr) return true;  // attach() sizes the file itself
     struct stat info {};
@@ -131,9 +132,13 @@ bool Sim::lock() {
     if (!lost_) std::fprintf(stderr, "vpathsim: %s/state was cut short while in use; requests fail with EIO\n", dir_.c_str());
     lost_ = true;
     flock(fd_, LOCK_UN);
+    thread_lock_.unlock();
     return false;
 }
-void Sim::unlock() { flock(fd_, LOCK_UN); }
+void Sim::unlock() {
+    flock(fd_, LOCK_UN);
+    thread_lock_.unlock();
+}
 
 std::string Sim::image_path(int device) const { return dir_ + "/vpath" + std::to_string(device) + ".img"; }
 
@@ -269,19 +274,17 @@ int Sim::begin_transfer(int device, bool write, uint64_t position, size_t length
     DeviceRuntime& runtime = state_->devices[device];
     uint64_t first = position / kSectorSize;
     uint64_t last = (position + length - 1) / kSectorSize;
-    int chosen = -1;
-    bool sticky = config.policy == 3 || config.policy == 6 || config.policy == 7;
-    for (int step = 0; step < config.path_count && chosen < 0; ++step) {
-        int candidate = sticky ? (runtime.last_path + step) % config.path_count
-                               : (runtime.last_path + 1 + step) % config.path_count;
-        if (candidate >= 0 && path_functions(device, candidate)) chosen = candidate;
-    }
+    int chosen = choose_path(device, -1);
     if (chosen < 0) {
         trace("vpath%d %s: no functioning path\n", device, what);
         return EIO;
     }
     *path = chosen;
-    if (int error = flaky_retry(device, what, path); error != 0) return error;
+    int error = flaky_retry(device, what, path);
+    // Chosen as the transfer is issued, so that transfers in flight together
+    // go round the paths.
+    runtime.last_path = *path;
+    if (error != 0) return error;
     chosen = *path;
     for (int i = 0; i < state_->injected_count; ++i) {
         const InjectedSector& bad = state_->injected[i];
@@ -294,22 +297,24 @@ int Sim::begin_transfer(int device, bool write, uint64_t position, size_t length
     return 0;
 }
 
-void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t result, int error) {
+void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t result, int error, bool counted) {
     const char* what = write ? "write" : "read";
     DeviceRuntime& runtime = state_->devices[device];
     if (path >= 0) {
         AdapterRuntime& adapter = state_->adapters[state_->topology.devices[device].paths[path].adapter];
-        runtime.last_path = path;
         ++runtime.paths[path].times_used;
         ++adapter.count;
         if (result < 0) ++adapter.errors;
         if (result > 0) {
             auto bytes = static_cast<size_t>(result);
             auto sectors = static_cast<uint32_t>((bytes + kSectorSize - 1) / kSectorSize);
-            row_add(runtime.io, write, 1, 1);
+            // The maximum of the I/O row is the most transfers in flight
+            // at once, this one included.
+            int a = state_->topology.devices[device].paths[path].adapter;
+            row_add(runtime.io, write, 1, std::max(1u, in_flight_count(device, -1, -1)));
             row_add(runtime.sectors, write, sectors, sectors);
             ++runtime.sizes[size_bucket(bytes)];
-            row_add(adapter.io, write, 1, 1);
+            row_add(adapter.io, write, 1, std::max(1u, in_flight_count(-1, a, -1)));
             row_add(adapter.sectors, write, sectors, sectors);
         }
         trace("vpath%d %s via path %d (%s) on %s\n", device, what, path,
@@ -321,7 +326,7 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
     } else {
         trace("EXIT vpath_%s vpath%d length %zu rc %zd\n", what, device, length, result);
     }
-    if (length > 0) advance_schedule(device, length);
+    if (length > 0 && !counted) advance_schedule(device, length);
 }
 
 int Sim::request(uint32_t code, void* record) {
@@ -512,6 +517,8 @@ int Sim::get_dev_stats(void* user) {
     if (d < 0 || d >= state_->topology.device_count) return finish(user, record, kStatusDeviceNotFound, ENODEV);
     const DeviceRuntime& runtime = state_->devices[d];
     record.io = runtime.io;
+    record.io.active_read = in_flight_count(d, -1, 0);
+    record.io.active_write = in_flight_count(d, -1, 1);
     record.sectors = runtime.sectors;
     record.up_to_512 = runtime.sizes[0];
     record.up_to_4k = runtime.sizes[1];
@@ -527,6 +534,8 @@ int Sim::get_adapter_stats(void* user) {
     int a = record.adapter;
     if (a < 0 || a >= state_->topology.adapter_count) return finish(user, record, kStatusInvalidAdapter, EINVAL);
     record.io = state_->adapters[a].io;
+    record.io.active_read = in_flight_count(-1, a, 0);
+    record.io.active_write = in_flight_count(-1, a, 1);
     record.sectors = state_->adapters[a].sectors;
     return finish(user, record, kStatusSuccess, 0);
 }
@@ -620,6 +629,7 @@ bool Sim::fail_path(int device, int path) {
         return false;
     state_->devices[device].paths[path].failed = 1;
     trace("vpath%d path %d failed\n", device, path);
+    ground_in_flight(device, path, -1, false);
     return true;
 }
 
@@ -629,6 +639,7 @@ bool Sim::fail_adapter(int adapter) {
     if (adapter < 0 || adapter >= state_->topology.adapter_count) return false;
     state_->adapters[adapter].failed = 1;
     trace("adapter %d failed\n", adapter);
+    ground_in_flight(-1, -1, adapter, false);
     return true;
 }
 
@@ -672,10 +683,14 @@ void Sim::show(FILE* out) {
                      state_->devices[d].last_path);
         for (int p = 0; p < config.path_count; ++p) {
             const PathRuntime& path = state_->devices[d].paths[p];
-            std::fprintf(out, "  path %d %-6s adapter %d %s%s  used %d\n", p, config.paths[p].name,
+            std::fprintf(out, "  path %d %-6s adapter %d %s%s  used %d", p, config.paths[p].name,
                          config.paths[p].adapter, path.offline ? "offline" : "online", path.failed ? " FAILED" : "",
                          path.times_used);
+            uint32_t requeued = state_->flight.requeued[d][p];
+            if (requeued > 0) std::fprintf(out, "  requeued %u", requeued);
+            std::fputc('\n', out);
         }
+        show_timing(out, d);
     }
     for (int i = 0; i < state_->injected_count; ++i)
         std::fprintf(out, "eio vpath%d sector %llu\n", state_->injected[i].device,

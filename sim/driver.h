@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 #include "faults.h"
+#include "inflight.h"
 #include "vpath/vpath_ioctl.h"
 
 namespace vpathsim {
@@ -20,7 +22,7 @@ constexpr int kMaxDevices = 16;
 constexpr int kMaxInjected = 64;
 constexpr uint32_t kTraceTableSize = 65536;
 constexpr uint32_t kSectorSize = 512;
-static_assert(kFaultDevices == kMaxDevices);
+static_assert(kFaultDevices == kMaxDevices && kTimedDevices == kMaxDevices);
 
 struct PathConfig {
     int32_t adapter;
@@ -99,11 +101,15 @@ struct SharedState {
     InjectedSector injected[kMaxInjected];
     TraceTable trace;
     FaultTable faults;
+    InFlightTable flight;
 };
 
 // The fault table of a state file names only devices, paths and adapters
 // the topology has (sim/faults.cpp).
 bool valid_faults(const SharedState& state);
+// The table of requests in flight holds only slots the topology can have,
+// and timings in range (sim/inflight.cpp).
+bool valid_in_flight(const SharedState& state);
 
 Topology default_topology();
 // $VPATHSIM_STATE, else a per-user directory under /tmp.
@@ -137,7 +143,10 @@ public:
 
     // One transfer: picks a path, refuses with EIO when none functions or an
     // injected sector is covered, runs io() under the driver lock and counts
-    // the outcome. Returns io()'s result, or -1 with errno.
+    // the outcome. With a service time set, the transfer first spends it on
+    // its path with the lock released, and is retried on another path when
+    // its own fails meanwhile (sim/inflight.cpp). Returns io()'s result (the
+    // length, io() not called, for a write lost in flight), or -1 with errno.
     template <typename Io>
     ssize_t transfer(int device, bool write, uint64_t position, size_t length, Io io);
 
@@ -159,6 +168,12 @@ public:
     bool arm(const FaultRequest& request, std::string* error);
     bool inject_eio(int device, uint64_t sector);
     void show(FILE* out);
+    // Service time and failover delay of a device (sim/inflight.cpp); false
+    // with the reason when out of range or no such device.
+    bool set_latency(int device, long long microseconds, std::string* error);
+    bool set_failover_delay(int device, long long milliseconds, std::string* error);
+    // Requests of the device in flight now.
+    int in_flight(int device);
 
     SharedState* state() { return state_; }
     // Takes the driver lock; false, lock not held, when the state file no
@@ -172,7 +187,27 @@ public:
 
 private:
     int begin_transfer(int device, bool write, uint64_t position, size_t length, int* path);
-    void end_transfer(int device, int path, bool write, size_t length, ssize_t result, int error);
+    void end_transfer(int device, int path, bool write, size_t length, ssize_t result, int error, bool counted);
+    // sim/paths.cpp: the next path by the device's policy, not `avoid`; -1
+    // when none functions.
+    int choose_path(int device, int avoid);
+    // sim/inflight.cpp: a transfer with a service time. take_slot() holds a
+    // slot before the path is chosen, aboard() puts the transfer on it
+    // (scheduled faults counted as it is issued), fly() spends the service
+    // time and returns with the lock held again (flight->locked false when
+    // it could not be taken back), with 0 or the errno of a failed retry;
+    // land() frees the slot.
+    bool take_slot(Flight* flight);
+    void aboard(Flight* flight);
+    int fly(Flight* flight);
+    void land(Flight* flight);
+    // Marks the requests in flight through a path that just failed (every
+    // path of the device with path -1, of the adapter with device -1):
+    // retried, or with lose its writes dropped.
+    void ground_in_flight(int device, int path, int adapter, bool lose);
+    uint32_t in_flight_count(int device, int adapter, int write) const;
+    uint32_t latency(int device) const { return state_->flight.timing[device].latency_us; }
+    void show_timing(FILE* out, int device);
     void trace(const char* format, ...) __attribute__((format(printf, 2, 3)));
     bool reset_locked(const Topology& topology, std::string* error);
     bool path_functions(int device, int path) const;
@@ -196,6 +231,9 @@ private:
     int trace_request(void* user);
 
     std::string dir_;
+    // flock() holds across processes only: the threads of one process share
+    // the descriptor, so they take this first.
+    std::mutex thread_lock_;
     int fd_ = -1;
     SharedState* state_ = nullptr;
     bool lost_ = false;
@@ -218,21 +256,35 @@ private:
 
 template <typename Io>
 ssize_t Sim::transfer(int device, bool write, uint64_t position, size_t length, Io io) {
-    SimLock guard(*this);
-    if (!guard.held()) return errno = EIO, -1;
-    int path = -1;
-    int error = begin_transfer(device, write, position, length, &path);
+    if (!lock()) return errno = EIO, -1;
+    Flight flight;
+    flight.device = device;
+    flight.write = write;
+    flight.position = position;
+    flight.length = length;
+    int error = length > 0 && latency(device) > 0 && !take_slot(&flight) ? EIO : 0;
+    if (!flight.locked) return errno = EIO, -1;
+    if (error == 0) error = begin_transfer(device, write, position, length, &flight.path);
+    if (error == 0 && flight.slot >= 0) {
+        aboard(&flight);
+        error = fly(&flight);
+        if (!flight.locked) return errno = EIO, -1;
+    }
     if (error != 0) {
-        end_transfer(device, path, write, length, -1, error);
+        end_transfer(device, flight.path, write, length, -1, error, flight.counted);
+        land(&flight);
+        unlock();
         errno = error;
         return -1;
     }
     ImagePatch patch;
-    patch_for_fault(device, path, write, position, length, &patch);
-    ssize_t result = io();
+    if (!flight.lost) patch_for_fault(device, flight.path, write, position, length, &patch);
+    ssize_t result = flight.lost ? static_cast<ssize_t>(length) : io();
     int saved = errno;
     patch.undo();
-    end_transfer(device, path, write, length, result, result < 0 ? saved : 0);
+    end_transfer(device, flight.path, write, length, result, result < 0 ? saved : 0, flight.counted);
+    land(&flight);
+    unlock();
     errno = saved;
     return result;
 }

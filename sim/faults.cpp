@@ -14,12 +14,12 @@ namespace {
 
 const char* const kKindNames[kFaultKinds] = {
     "none",         "fail-path",  "restore-path", "fail-adapter",  "restore-adapter",
-    "fail-device",  "restore-device", "flaky-path", "drop-writes", "corrupt-reads",
+    "fail-device",  "restore-device", "flaky-path", "drop-writes", "corrupt-reads", "lose-in-flight",
 };
 
 bool on_path(uint8_t kind) {
     return kind == kFaultFailPath || kind == kFaultRestorePath || kind == kFaultFlakyPath ||
-           kind == kFaultDropWrites || kind == kFaultCorruptReads;
+           kind == kFaultDropWrites || kind == kFaultCorruptReads || kind == kFaultLoseInFlight;
 }
 bool on_adapter(uint8_t kind) { return kind == kFaultFailAdapter || kind == kFaultRestoreAdapter; }
 
@@ -121,6 +121,12 @@ void Sim::strike(const ScheduledFault& fault, bool scheduled) {
         case kFaultFailPath:
             state_->devices[d].paths[t].failed = 1;
             trace("vpath%d path %d failed%s\n", d, t, when.c_str());
+            ground_in_flight(d, t, -1, false);
+            break;
+        case kFaultLoseInFlight:
+            state_->devices[d].paths[t].failed = 1;
+            trace("vpath%d path %d failed, losing the writes in flight%s\n", d, t, when.c_str());
+            ground_in_flight(d, t, -1, true);
             break;
         case kFaultRestorePath:
             clear_path(d, t);
@@ -129,6 +135,7 @@ void Sim::strike(const ScheduledFault& fault, bool scheduled) {
         case kFaultFailAdapter:
             state_->adapters[t].failed = 1;
             trace("adapter %d failed%s\n", t, when.c_str());
+            ground_in_flight(-1, -1, t, false);
             break;
         case kFaultRestoreAdapter:
             state_->adapters[t].failed = 0;
@@ -137,6 +144,7 @@ void Sim::strike(const ScheduledFault& fault, bool scheduled) {
         case kFaultFailDevice:
             for (int p = 0; p < topology.devices[d].path_count; ++p) state_->devices[d].paths[p].failed = 1;
             trace("vpath%d every path failed%s\n", d, when.c_str());
+            ground_in_flight(d, -1, -1, false);
             break;
         case kFaultRestoreDevice:
             for (int p = 0; p < topology.devices[d].path_count; ++p) clear_path(d, p);

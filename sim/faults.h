@@ -31,6 +31,7 @@ enum FaultKind : uint8_t {
     kFaultFlakyPath,
     kFaultDropWrites,
     kFaultCorruptReads,
+    kFaultLoseInFlight,  // fail-path, and the writes in flight through it are lost
     kFaultKinds,
 };
 

@@ -33,7 +33,13 @@ const char kUsage[] =
     "  drop-writes DEV PATH [WHEN]   writes through the path report success, store nothing\n"
     "  corrupt-reads DEV PATH [byte B] [WHEN]\n"
     "                                reads through the path get byte B (default 0) flipped\n"
+    "  lose-in-flight DEV PATH [WHEN]\n"
+    "                                path fails as with fail-path; writes in flight through it\n"
+    "                                report success and store nothing\n"
     "  inject-eio DEV SECTOR         reads and writes covering the sector fail with EIO\n"
+    "  latency DEV MICROSECONDS      service time of every transfer (0: none)\n"
+    "  failover-delay DEV MILLISECONDS\n"
+    "                                wait before a request of a failed path is retried\n"
     "  restore                       clear every injected fault, pending ones included\n"
     "  run [--state DIR] [--config FILE] [--fresh] [--keep] -- PROGRAM [ARG...]\n"
     "                                run PROGRAM with the simulated driver; without --state\n"
@@ -232,7 +238,7 @@ constexpr FaultCommand kFaultCommands[] = {
     {"fail-adapter", vpathsim::kFaultFailAdapter, 1}, {"restore-adapter", vpathsim::kFaultRestoreAdapter, 1},
     {"fail-device", vpathsim::kFaultFailDevice, 1},   {"restore-device", vpathsim::kFaultRestoreDevice, 1},
     {"flaky-path", vpathsim::kFaultFlakyPath, 2},     {"drop-writes", vpathsim::kFaultDropWrites, 2},
-    {"corrupt-reads", vpathsim::kFaultCorruptReads, 2},
+    {"corrupt-reads", vpathsim::kFaultCorruptReads, 2}, {"lose-in-flight", vpathsim::kFaultLoseInFlight, 2},
 };
 
 // A count after a keyword ("after 5000", "every 3", "byte 100"): out of range
@@ -330,6 +336,21 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (int status = fault_command(sim, command, rest, args); status >= 0) return status;
+    if ((command == "latency" || command == "failover-delay") && rest == 2) {
+        if (!number(args[0], 0, INT_MAX, &a)) return usage();
+        long long high = command == "latency" ? vpathsim::kMaxLatencyUs : vpathsim::kMaxFailoverDelayMs;
+        if (!number(args[1], 0, high, &b)) {
+            std::fprintf(stderr, "vpathsim: %s: expected a number from 0 to %lld, not '%s'\n", command.c_str(), high,
+                         args[1]);
+            return 1;
+        }
+        std::string error;
+        if (command == "latency" ? sim.set_latency(static_cast<int>(a), b, &error)
+                                 : sim.set_failover_delay(static_cast<int>(a), b, &error))
+            return 0;
+        std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+        return 1;
+    }
     if (command == "inject-eio" && rest == 2 && number(args[0], 0, INT_MAX, &a) && number(args[1], 0, LLONG_MAX, &b)) {
         if (sim.inject_eio(static_cast<int>(a), static_cast<uint64_t>(b))) return 0;
         std::fprintf(stderr, "vpathsim: cannot inject sector %lld on vpath%lld\n", b, a);
