@@ -5,7 +5,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <pthread.h>
+#include <limits.h>
 #include <sys/ioctl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +18,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <type_traits>
+#include <vector>
 
 #include "driver.h"
 
@@ -34,6 +39,10 @@ using Dup2Fn = int (*)(int, int);
 using Dup3Fn = int (*)(int, int, int);
 using FcntlFn = int (*)(int, int, ...);
 using CloseRangeFn = int (*)(unsigned, unsigned, int);
+using PreadFn = ssize_t (*)(int, void*, size_t, off_t);
+using PwriteFn = ssize_t (*)(int, const void*, size_t, off_t);
+using PreadvFn = ssize_t (*)(int, const iovec*, int, off_t);
+using Preadv2Fn = ssize_t (*)(int, const iovec*, int, off_t, int);
 
 template <typename Fn>
 Fn next(const char* name) {
@@ -84,9 +93,20 @@ int device_of(int fd) {
     return device_of_fd[fd] - 1;
 }
 
+// The process the descriptor table belongs to. A child started with vfork
+// (posix_spawn, Python's subprocess) runs in its parent's memory until it
+// execs: the closes and dup2s it makes on its way must leave the parent's
+// table alone. A forked child has a copy and keeps it up to date.
+pid_t table_owner = 0;
+
+__attribute__((constructor)) void remember_owner() {
+    table_owner = getpid();
+    pthread_atfork(nullptr, nullptr, [] { table_owner = getpid(); });
+}
+
 void set_device(int fd, int device, bool direct = false) {
     std::lock_guard<std::mutex> guard(table_mutex);
-    if (fd >= 0 && fd < kMaxFd) {
+    if (fd >= 0 && fd < kMaxFd && getpid() == table_owner) {
         device_of_fd[fd] = static_cast<int8_t>(device + 1);
         direct_fd[fd] = direct;
     }
@@ -95,14 +115,6 @@ void set_device(int fd, int device, bool direct = false) {
 bool is_direct(int fd) {
     std::lock_guard<std::mutex> guard(table_mutex);
     return fd >= 0 && fd < kMaxFd && direct_fd[fd];
-}
-
-// A direct transfer on a block device must start, end and sit in memory on
-// logical-block boundaries; the kernel refuses anything else with EINVAL
-// before it touches a path.
-bool misaligned_direct(int fd, uint64_t position, size_t length, const void* buffer) {
-    constexpr uint64_t mask = vpathsim::kSectorSize - 1;
-    return is_direct(fd) && ((position | length | reinterpret_cast<uintptr_t>(buffer)) & mask) != 0;
 }
 
 // A descriptor number that now holds some other file is never ours, however
@@ -179,37 +191,99 @@ bool readable(int fd, bool write) {
     return write ? (mode == O_WRONLY || mode == O_RDWR) : (mode == O_RDONLY || mode == O_RDWR);
 }
 
-ssize_t device_read(int fd, int device, void* buffer, size_t count) {
-    REAL(ReadFn, read);
-    REAL(SeekFn, lseek);
-    if (!readable(fd, false)) return errno = EBADF, -1;
-    off_t position = real_lseek(fd, 0, SEEK_CUR);
-    if (position < 0) return -1;
+// One transfer of count bytes at position on a vpath descriptor, after the
+// block device's rules: bounded by the device size; a direct transfer must
+// start, end and sit in memory on logical-block boundaries (aligned tells
+// whether the caller's memory does), which the kernel checks before it
+// touches a path (EINVAL); io(n) makes the real call
+// on the backing file for the first n bytes, so the kernel checks the
+// caller's buffers.
+template <typename Io>
+ssize_t device_io(int fd, int device, bool write, off_t position, size_t count, bool aligned, Io io) {
+    if (!readable(fd, write)) return errno = EBADF, -1;
+    if (write && count == 0) return io(0);
     uint64_t size = sim->device_size(device);
     if (sim->lost()) return errno = EIO, -1;
-    size_t n = static_cast<uint64_t>(position) >= size ? 0 : std::min<uint64_t>(count, size - position);
-    n = std::min<size_t>(n, 0x7ffff000);
-    if (n == 0) return real_read(fd, buffer, 0);
-    if (misaligned_direct(fd, static_cast<uint64_t>(position), n, buffer)) return errno = EINVAL, -1;
-    // The real read on the image lets the kernel check the caller's buffer.
-    return sim->transfer(device, false, static_cast<uint64_t>(position), n,
-                         [&] { return real_read(fd, buffer, n); });
+    auto at = static_cast<uint64_t>(position);
+    if (write && at >= size) return errno = ENOSPC, -1;
+    size_t n = at >= size ? 0 : std::min<uint64_t>({count, size - at, 0x7ffff000});
+    if (n == 0) return io(0);
+    if (is_direct(fd) && (!aligned || ((at | n) & (vpathsim::kSectorSize - 1)) != 0)) return errno = EINVAL, -1;
+    return sim->transfer(device, write, at, n, [&] { return io(n); });
+}
+
+bool aligned(const void* buffer) { return (reinterpret_cast<uintptr_t>(buffer) & (vpathsim::kSectorSize - 1)) == 0; }
+
+// read/write at the descriptor's position.
+off_t current_position(int fd) {
+    static SeekFn real_lseek = next<SeekFn>("lseek");
+    if (real_lseek == nullptr) return errno = ENOSYS, -1;
+    return real_lseek(fd, 0, SEEK_CUR);
+}
+
+ssize_t device_read(int fd, int device, void* buffer, size_t count) {
+    REAL(ReadFn, read);
+    off_t position = current_position(fd);
+    if (position < 0) return -1;
+    return device_io(fd, device, false, position, count, aligned(buffer),
+                     [&](size_t n) { return real_read(fd, buffer, n); });
 }
 
 ssize_t device_write(int fd, int device, const void* buffer, size_t count) {
     REAL(WriteFn, write);
-    REAL(SeekFn, lseek);
-    if (!readable(fd, true)) return errno = EBADF, -1;
-    off_t position = real_lseek(fd, 0, SEEK_CUR);
+    off_t position = current_position(fd);
     if (position < 0) return -1;
-    if (count == 0) return real_write(fd, buffer, 0);
-    uint64_t size = sim->device_size(device);
-    if (sim->lost()) return errno = EIO, -1;
-    if (static_cast<uint64_t>(position) >= size) return errno = ENOSPC, -1;
-    size_t n = std::min<uint64_t>({count, size - position, 0x7ffff000});
-    if (misaligned_direct(fd, static_cast<uint64_t>(position), n, buffer)) return errno = EINVAL, -1;
-    return sim->transfer(device, true, static_cast<uint64_t>(position), n,
-                         [&] { return real_write(fd, buffer, n); });
+    return device_io(fd, device, true, position, count, aligned(buffer),
+                     [&](size_t n) { return real_write(fd, buffer, n); });
+}
+
+// The positional calls; the 64-bit names are the same calls on this ABI.
+template <typename Buffer>
+ssize_t device_positional(int fd, int device, bool write, Buffer buffer, size_t count, off_t offset) {
+    if (offset < 0) return errno = EINVAL, -1;
+    static PreadFn real_pread = next<PreadFn>("pread64");
+    static PwriteFn real_pwrite = next<PwriteFn>("pwrite64");
+    if (real_pread == nullptr || real_pwrite == nullptr) return errno = ENOSYS, -1;
+    return device_io(fd, device, write, offset, count, aligned(buffer), [&](size_t n) {
+        if constexpr (std::is_const_v<std::remove_pointer_t<Buffer>>) {
+            return real_pwrite(fd, buffer, n, offset);
+        } else {
+            return real_pread(fd, buffer, n, offset);
+        }
+    });
+}
+
+// The vector calls: the segment list is read as the kernel reads it (a bad
+// address is EFAULT), its total bounded like one transfer; offset -1 with
+// flags (preadv2/pwritev2) is the descriptor's own position.
+ssize_t device_vector(int fd, int device, bool write, const iovec* user_vector, int count, off_t offset, int flags,
+                      bool with_flags) {
+    if (count < 0 || count > IOV_MAX || offset < (with_flags ? -1 : 0)) return errno = EINVAL, -1;
+    std::vector<iovec> vector(static_cast<size_t>(count));
+    if (!vpathsim::copy_from_user(vector.data(), user_vector, vector.size() * sizeof(iovec))) return errno = EFAULT, -1;
+    size_t total = 0;
+    bool all_aligned = true;
+    for (const iovec& segment : vector) {
+        if (__builtin_add_overflow(total, segment.iov_len, &total) || total > SSIZE_MAX) return errno = EINVAL, -1;
+        all_aligned = all_aligned && aligned(segment.iov_base) && segment.iov_len % vpathsim::kSectorSize == 0;
+    }
+    off_t position = offset == -1 ? current_position(fd) : offset;
+    if (position < 0) return -1;
+    static Preadv2Fn real_preadv2 = next<Preadv2Fn>("preadv64v2");
+    static Preadv2Fn real_pwritev2 = next<Preadv2Fn>("pwritev64v2");
+    if (real_preadv2 == nullptr || real_pwritev2 == nullptr) return errno = ENOSYS, -1;
+    return device_io(fd, device, write, position, total, all_aligned, [&](size_t n) {
+        // The segments that hold the first n bytes, the last one cut.
+        std::vector<iovec> used;
+        for (size_t left = n; const iovec& segment : vector) {
+            if (left == 0) break;
+            used.push_back({segment.iov_base, std::min(left, segment.iov_len)});
+            left -= used.back().iov_len;
+        }
+        auto used_count = static_cast<int>(used.size());
+        return write ? real_pwritev2(fd, used.data(), used_count, offset, flags)
+                     : real_preadv2(fd, used.data(), used_count, offset, flags);
+    });
 }
 
 }  // namespace
@@ -365,3 +439,65 @@ EXPORT int close_range(unsigned first, unsigned last, int flags) noexcept {
     }
     return rc;
 }
+
+EXPORT ssize_t pread(int fd, void* buffer, size_t count, off_t offset) {
+    int device = device_of(fd);
+    if (device >= 0) return device_positional(fd, device, false, buffer, count, offset);
+    REAL(PreadFn, pread);
+    return real_pread(fd, buffer, count, offset);
+}
+
+EXPORT ssize_t pread64(int fd, void* buffer, size_t count, off_t offset) {
+    int device = device_of(fd);
+    if (device >= 0) return device_positional(fd, device, false, buffer, count, offset);
+    REAL(PreadFn, pread64);
+    return real_pread64(fd, buffer, count, offset);
+}
+
+EXPORT ssize_t __pread_chk(int fd, void* buffer, size_t count, off_t offset, size_t size) {
+    if (count > size) abort();  // what the fortified call does on overflow
+    return pread(fd, buffer, count, offset);
+}
+
+EXPORT ssize_t __pread64_chk(int fd, void* buffer, size_t count, off_t offset, size_t size) {
+    if (count > size) abort();
+    return pread64(fd, buffer, count, offset);
+}
+
+EXPORT ssize_t pwrite(int fd, const void* buffer, size_t count, off_t offset) {
+    int device = device_of(fd);
+    if (device >= 0) return device_positional(fd, device, true, buffer, count, offset);
+    REAL(PwriteFn, pwrite);
+    return real_pwrite(fd, buffer, count, offset);
+}
+
+EXPORT ssize_t pwrite64(int fd, const void* buffer, size_t count, off_t offset) {
+    int device = device_of(fd);
+    if (device >= 0) return device_positional(fd, device, true, buffer, count, offset);
+    REAL(PwriteFn, pwrite64);
+    return real_pwrite64(fd, buffer, count, offset);
+}
+
+#define VECTOR_CALL(name, write, with_flags)                                                      \
+    EXPORT ssize_t name(int fd, const iovec* vector, int count, off_t offset) {                 \
+        int device = device_of(fd);                                                             \
+        if (device >= 0) return device_vector(fd, device, write, vector, count, offset, 0, false); \
+        REAL(PreadvFn, name);                                                                   \
+        return real_##name(fd, vector, count, offset);                                          \
+    }
+VECTOR_CALL(preadv, false, false)
+VECTOR_CALL(preadv64, false, false)
+VECTOR_CALL(pwritev, true, false)
+VECTOR_CALL(pwritev64, true, false)
+
+#define VECTOR2_CALL(name, write)                                                                   \
+    EXPORT ssize_t name(int fd, const iovec* vector, int count, off_t offset, int flags) {         \
+        int device = device_of(fd);                                                                \
+        if (device >= 0) return device_vector(fd, device, write, vector, count, offset, flags, true); \
+        REAL(Preadv2Fn, name);                                                                     \
+        return real_##name(fd, vector, count, offset, flags);                                      \
+    }
+VECTOR2_CALL(preadv2, false)
+VECTOR2_CALL(preadv64v2, false)
+VECTOR2_CALL(pwritev2, true)
+VECTOR2_CALL(pwritev64v2, true)
