@@ -95,10 +95,11 @@ bool Sim::take_slot(Flight* flight) {
     for (;;) {
         InFlight* free_slot = nullptr;
         for (int pass = 0; pass < 2 && free_slot == nullptr; ++pass) {
-            for (int i = 0; i < kMaxInFlight && free_slot == nullptr; ++i) {
+            for (int i = 0; i < kMaxInFlight; ++i) {
                 InFlight& slot = table.slots[i];
-                if (slot.state != kSlotFree && pass == 1 && abandoned(slot)) slot.state = kSlotFree;
-                if (slot.state == kSlotFree) free_slot = &slot, flight->slot = i;
+                if (pass == 1 && slot.state != kSlotFree && abandoned(slot)) slot.state = kSlotFree;
+                if (slot.state == kSlotFree && free_slot == nullptr) free_slot = &slot, flight->slot = i;
+                if (free_slot != nullptr && pass == 0) break;
             }
         }
         if (free_slot != nullptr) {
