@@ -45,7 +45,8 @@ const char kUsage[] =
     "                                run PROGRAM with the simulated driver; without --state\n"
     "                                a fresh temporary state is used and removed afterwards\n"
     "WHEN is 'after N [transfers|sectors]': the fault strikes once N more transfers\n"
-    "(or sectors) of the device, of every device for an adapter, are done.\n"
+    "(or sectors) of the device, of every device for an adapter, are done (with a\n"
+    "latency set: issued).\n"
     "The state directory defaults to $VPATHSIM_STATE, else /tmp/vpathsim-UID;\n"
     "$VPATHSIM_CONFIG names the topology file when --config is not given.\n";
 
