@@ -309,12 +309,13 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
             auto bytes = static_cast<size_t>(result);
             auto sectors = static_cast<uint32_t>((bytes + kSectorSize - 1) / kSectorSize);
             // The maximum of the I/O row is the most transfers in flight
-            // at once, this one included.
+            // at once, this one included; one done under the lock alone
+            // had none beside it.
             int a = state_->topology.devices[device].paths[path].adapter;
-            row_add(runtime.io, write, 1, std::max(1u, in_flight_count(device, -1, -1)));
+            row_add(runtime.io, write, 1, counted ? in_flight_count(device, -1, -1) : 1);
             row_add(runtime.sectors, write, sectors, sectors);
             ++runtime.sizes[size_bucket(bytes)];
-            row_add(adapter.io, write, 1, std::max(1u, in_flight_count(-1, a, -1)));
+            row_add(adapter.io, write, 1, counted ? in_flight_count(-1, a, -1) : 1);
             row_add(adapter.sectors, write, sectors, sectors);
         }
         trace("vpath%d %s via path %d (%s) on %s\n", device, what, path,

@@ -184,6 +184,10 @@ public:
     void unlock();
     // Whether the last lock() found the state file cut short.
     bool lost() const { return lost_; }
+    // Around fork(): a child must not start with the lock of this process's
+    // threads held by a thread it does not have.
+    void hold_threads() { thread_lock_.lock(); }
+    void release_threads() { thread_lock_.unlock(); }
 
 private:
     int begin_transfer(int device, bool write, uint64_t position, size_t length, int* path);

@@ -99,9 +99,25 @@ int device_of(int fd) {
 // table alone. A forked child has a copy and keeps it up to date.
 pid_t table_owner = 0;
 
+// A forked child has only the thread that forked: no lock of ours may be
+// held then by one of the others.
+void before_fork() {
+    attach_mutex.lock();
+    if (sim != nullptr) sim->hold_threads();
+    table_mutex.lock();
+}
+void after_fork() {
+    table_mutex.unlock();
+    if (sim != nullptr) sim->release_threads();
+    attach_mutex.unlock();
+}
+
 __attribute__((constructor)) void remember_owner() {
     table_owner = getpid();
-    pthread_atfork(nullptr, nullptr, [] { table_owner = getpid(); });
+    pthread_atfork(before_fork, after_fork, [] {
+        table_owner = getpid();
+        after_fork();
+    });
 }
 
 void set_device(int fd, int device, bool direct = false) {
