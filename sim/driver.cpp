@@ -274,7 +274,7 @@ int Sim::begin_transfer(int device, bool write, uint64_t position, size_t length
     DeviceRuntime& runtime = state_->devices[device];
     uint64_t first = position / kSectorSize;
     uint64_t last = (position + length - 1) / kSectorSize;
-    int chosen = choose_path(device, -1);
+    int chosen = choose_path(device);
     if (chosen < 0) {
         trace("vpath%d %s: no functioning path\n", device, what);
         return EIO;

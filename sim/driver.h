@@ -192,12 +192,12 @@ public:
 private:
     int begin_transfer(int device, bool write, uint64_t position, size_t length, int* path);
     void end_transfer(int device, int path, bool write, size_t length, ssize_t result, int error, bool counted);
-    // sim/paths.cpp: the next path by the device's policy, not `avoid`; -1
-    // when none functions.
-    int choose_path(int device, int avoid);
+    // sim/paths.cpp: the next path by the device's policy; -1 when none
+    // functions.
+    int choose_path(int device);
     // sim/inflight.cpp: a transfer with a service time. take_slot() holds a
-    // slot before the path is chosen, aboard() puts the transfer on it
-    // (scheduled faults counted as it is issued), fly() spends the service
+    // slot before the path is chosen, aboard() puts the transfer on its path
+    // and counts it for scheduled faults, fly() spends the service
     // time and returns with the lock held again (flight->locked false when
     // it could not be taken back), with 0 or the errno of a failed retry;
     // land() frees the slot.

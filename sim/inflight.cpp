@@ -123,13 +123,14 @@ bool Sim::take_slot(Flight* flight) {
 }
 
 void Sim::aboard(Flight* flight) {
-    // Counted as issued, before it is on its path: a fault that strikes now
-    // finds this transfer through, and the ones in flight before it not.
-    advance_schedule(flight->device, flight->length);
-    flight->counted = true;
     InFlight& slot = state_->flight.slots[flight->slot];
     slot.path = static_cast<int16_t>(flight->path);
     slot.state = kSlotOnPath;
+    // Counted as issued, once on its path: which requests a fault by count
+    // finds in flight then depends on the order they were issued in, not on
+    // how their service times happen to end.
+    advance_schedule(flight->device, flight->length);
+    flight->counted = true;
 }
 
 int Sim::fly(Flight* flight) {
@@ -172,7 +173,7 @@ int Sim::fly(Flight* flight) {
             slot = relock();
             if (slot == nullptr) return flight->slot = -1, flight->path = -1, EIO;
         }
-        int to = choose_path(device, from);
+        int to = choose_path(device);
         flight->path = -1;  // counted above; no path carries the failure
         if (to < 0) {
             trace("vpath%d %s via path %d (%s): path failed in flight, no path left\n", device, what, from,

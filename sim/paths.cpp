@@ -12,13 +12,13 @@ bool stays_on_path(uint32_t policy) { return policy == 3 || policy == 6 || polic
 
 }  // namespace
 
-int Sim::choose_path(int device, int avoid) {
+int Sim::choose_path(int device) {
     const DeviceConfig& config = state_->topology.devices[device];
     const int last = state_->devices[device].last_path;
     const int first = stays_on_path(config.policy) ? 0 : 1;
     for (int step = first; step < first + config.path_count; ++step) {
         int candidate = (last + step) % config.path_count;
-        if (candidate != avoid && path_functions(device, candidate)) return candidate;
+        if (path_functions(device, candidate)) return candidate;
     }
     return -1;
 }
