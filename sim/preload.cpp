@@ -4,9 +4,9 @@
 // from the program (which inherit LD_PRELOAD) are unaffected.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/close_range.h>
 #include <pthread.h>
-#include <limits.h>
 #include <sys/ioctl.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -211,9 +211,8 @@ bool readable(int fd, bool write) {
 // block device's rules: bounded by the device size; a direct transfer must
 // start, end and sit in memory on logical-block boundaries (aligned tells
 // whether the caller's memory does), which the kernel checks before it
-// touches a path (EINVAL); io(n) makes the real call
-// on the backing file for the first n bytes, so the kernel checks the
-// caller's buffers.
+// touches a path (EINVAL). io(n) makes the real call on the backing file
+// for the first n bytes, so the kernel checks the caller's buffers.
 template <typename Io>
 ssize_t device_io(int fd, int device, bool write, off_t position, size_t count, bool aligned, Io io) {
     if (!readable(fd, write)) return errno = EBADF, -1;
