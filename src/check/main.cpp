@@ -2,7 +2,12 @@
 // expected output in one file) and compares, or compares a transcript with
 // an approved one. Only what changes from run to run is masked; everything
 // else, trailing blanks and line ends included, must match byte for byte.
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,103 +24,190 @@ using namespace check;
 namespace {
 
 const char kUsage[] =
-    "usage: tarnwick-check [--approve] [--keep] [--timeout SECONDS] CASE...\n"
+    "usage: tarnwick-check [--approve] [--keep] [--timeout SECONDS] [--junit FILE]\n"
+    "                      [--tarnwick PATH] [--vpathsim PATH] CASE...\n"
     "       tarnwick-check [--approve] --compare APPROVED ACTUAL\n"
     "Runs each golden case and compares its results with the case's expectations,\n"
     "or compares the transcript ACTUAL with the approved transcript APPROVED.\n"
-    "Times, dates, elapsed seconds and data rates are masked. --approve writes\n"
-    "the actual results as the new expectations. Exit status: 0 equal,\n"
-    "1 different, 2 the case could not be read or run.\n";
+    "Times, dates, elapsed seconds, data rates, the case's scratch folder, the\n"
+    "simulator's state folder and process ids are masked.\n"
+    "  --approve          write the actual results as the new expectations\n"
+    "  --keep             keep each case's scratch folder and print its name\n"
+    "  --timeout SECONDS  end a run that lasts longer (default 120); it differs\n"
+    "  --junit FILE       also write the results as JUnit XML, a testcase per case\n"
+    "  --tarnwick PATH    the tarnwick the cases run (default $TARNWICK, else the\n"
+    "                     one beside tarnwick-check)\n"
+    "  --vpathsim PATH    the vpathsim the cases run (default $VPATHSIM, else the\n"
+    "                     one beside tarnwick-check or in its sim/ folder)\n"
+    "Exit status: 0 equal, 1 different, 2 a case could not be read or run,\n"
+    "128+N ended by signal N.\n";
 
-// Runs one case; returns 0, kDifferent or kTrouble.
-int check_case(const std::string& path, const Options& o) {
+double seconds_since(const timespec& start) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec - start.tv_sec) + static_cast<double>(now.tv_nsec - start.tv_nsec) / 1e9;
+}
+
+// Printed on standard output and kept for the JUnit report.
+void say(Outcome* out, const char* format, ...) {
+    char line[4096];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    std::fputs(line, stdout);
+    out->report += line;
+}
+
+int trouble(Outcome* out, const std::string& message) {
+    std::fprintf(stderr, "tarnwick-check: %s: %s\n", out->file.c_str(), message.c_str());
+    out->message = message;
+    return out->result = kTrouble;
+}
+
+// "12: what" from the case format and the run become "CASE:12: what".
+int case_trouble(Outcome* out, const std::string& error) {
+    if (!error.empty() && error[0] >= '0' && error[0] <= '9') {
+        std::fprintf(stderr, "tarnwick-check: %s:%s\n", out->file.c_str(), error.c_str());
+        out->message = error;
+        return out->result = kTrouble;
+    }
+    return trouble(out, error);
+}
+
+int compare_run(const Case& c, const RunResult& r, const Scratch& s, Outcome* out) {
+    Masks masks = masks_of(s);
+    bool same = true, saw_out = false, saw_err = false;
+    int expected_status = 0;
+    for (const Section& x : c.sections) {
+        if (x.keyword == "status") expected_status = std::atoi(x.argument.c_str());
+        if (x.keyword != "expect") continue;
+        saw_out |= x.argument == "stdout";
+        saw_err |= x.argument == "stderr";
+        std::string data, actual;
+        if (x.argument == "stdout") {
+            actual = visible(r.out, masks);
+        } else if (x.argument == "stderr") {
+            actual = visible(r.err, masks);
+        } else if (read_file(s.run + "/" + x.argument, &data)) {
+            actual = visible(data, masks);
+        } else {
+            actual = "(no file " + x.argument + ")\n";
+        }
+        same &= same_or_diff("expected " + x.argument, "actual " + x.argument, normal(x.body, masks), actual,
+                             s.top, &out->report);
+    }
+    if (!saw_out) same &= same_or_diff("expected stdout", "actual stdout", "", visible(r.out, masks), s.top, &out->report);
+    if (!saw_err) same &= same_or_diff("expected stderr", "actual stderr", "", visible(r.err, masks), s.top, &out->report);
+    if (r.status != expected_status) {
+        say(out, "exit status %d, expected %d\n", r.status, expected_status);
+        same = false;
+    }
+    if (same) return 0;
+    say(out, "%s: differs from the run above\n", out->file.c_str());
+    return kDifferent;
+}
+
+// Runs one case; sets and returns 0, kDifferent or kTrouble.
+int check_case(const Options& o, Outcome* out) {
     std::string text, error;
     Case c;
-    if (!read_file(path, &text)) {
-        std::fprintf(stderr, "tarnwick-check: %s: %s\n", path.c_str(), std::strerror(errno));
-        return kTrouble;
-    }
-    if (!parse_case(text, &c, &error)) {
-        std::fprintf(stderr, "tarnwick-check: %s: %s\n", path.c_str(), error.c_str());
-        return kTrouble;
-    }
-    const char* tmp = getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarnwick-check.XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-        std::fprintf(stderr, "tarnwick-check: scratch folder: %s\n", std::strerror(errno));
-        return kTrouble;
-    }
-    const std::string scratch = pattern;
+    if (!read_file(out->file, &text)) return trouble(out, std::strerror(errno));
+    if (!parse_case(text, &c, &error)) return case_trouble(out, error);
+    Scratch s;
+    if (!make_scratch(o, &s, &error)) return trouble(out, error);
     RunResult r;
-    int result = 0;
-    if (!run_case(c, o, scratch, &r, &error)) {
-        std::fprintf(stderr, "tarnwick-check: %s: %s\n", path.c_str(), error.c_str());
-        result = kTrouble;
+    if (!run_case(c, o, s, &r, &error)) {
+        case_trouble(out, error);
+    } else if (caught_signal() != 0) {
+        out->result = kTrouble;
+        out->message = "stopped by signal " + std::to_string(caught_signal());
+    } else if (!r.missing.empty()) {
+        const Program& p = r.missing[0] == "tarnwick" ? o.tarnwick : o.vpathsim;
+        trouble(out, "the case runs " + p.name + ", and there is none (looked for " + p.looked + "); name it with --" +
+                         p.name + " PATH or $" + (p.name == "tarnwick" ? "TARNWICK" : "VPATHSIM"));
     } else if (r.timed_out) {
-        std::printf("%s: the run did not end within %d seconds\n", path.c_str(), o.timeout_seconds);
-        result = kDifferent;
+        say(out, "%s: the run did not end within %d seconds\n", out->file.c_str(), o.timeout_seconds);
+        out->result = kDifferent;
     } else if (o.approve) {
-        if (!approve_case(path, c, r, scratch)) {
-            std::fprintf(stderr, "tarnwick-check: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
-            result = kTrouble;
+        if (!approve_case(out->file, c, r, s, &error)) {
+            case_trouble(out, error);
+            if (error.find("the run wrote no file") != std::string::npos) out->result = kDifferent;
         }
     } else {
-        bool same = true, saw_out = false, saw_err = false;
-        int expected_status = 0;
-        for (const Section& s : c.sections) {
-            if (s.keyword == "status") expected_status = std::atoi(s.argument.c_str());
-            if (s.keyword != "expect") continue;
-            saw_out |= s.argument == "stdout";
-            saw_err |= s.argument == "stderr";
-            bool exists;
-            std::string data = actual_of(s, r, scratch, &exists);
-            std::string actual = exists ? visible(data) : "(no file " + s.argument + ")\n";
-            if (!same_or_diff(s.argument, normal(s.body), actual, scratch)) same = false;
-        }
-        if (!saw_out && !same_or_diff("stdout", "", visible(r.out), scratch)) same = false;
-        if (!saw_err && !same_or_diff("stderr", "", visible(r.err), scratch)) same = false;
-        if (r.status != expected_status) {
-            std::printf("exit status %d, expected %d\n", r.status, expected_status);
-            same = false;
-        }
-        if (!same) {
-            std::printf("%s: differs from the run above\n", path.c_str());
-            result = kDifferent;
-        }
+        out->result = compare_run(c, r, s, out);
     }
     if (o.keep) {
-        std::printf("%s: kept %s\n", path.c_str(), scratch.c_str());
+        say(out, "%s: kept %s\n", out->file.c_str(), s.run.c_str());
     } else {
-        std::error_code ignored;
-        fs::remove_all(scratch, ignored);
+        remove_scratch(s);
     }
-    return result;
+    return out->result;
+}
+
+// The program a case runs as `name`: exactly the one named by the option or
+// the variable, else the first of `places` there is. false: named, not there.
+bool find_program(Program* p, const char* option, const char* variable, const std::vector<std::string>& places) {
+    const char* env = getenv(variable);
+    std::string named = option != nullptr ? option : env != nullptr ? env : "";
+    std::string how = option != nullptr ? "--" + p->name : std::string("$") + variable;
+    if (!named.empty()) {
+        std::error_code ec;
+        std::string path = fs::absolute(named, ec).string();
+        if (access(path.c_str(), X_OK) != 0) {
+            std::fprintf(stderr, "tarnwick-check: %s %s: %s\n", how.c_str(), named.c_str(), std::strerror(errno));
+            return false;
+        }
+        if (!fs::is_regular_file(path, ec)) {
+            std::fprintf(stderr, "tarnwick-check: %s %s: not a program\n", how.c_str(), named.c_str());
+            return false;
+        }
+        p->path = path;
+        p->looked = path;
+        return true;
+    }
+    for (const std::string& place : places) {
+        if (!p->looked.empty()) p->looked += " and ";
+        p->looked += place;
+        std::error_code ec;
+        if (p->path.empty() && access(place.c_str(), X_OK) == 0 && fs::is_regular_file(place, ec)) p->path = place;
+    }
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     Options o;
-    std::string here = self_directory();
-    o.tarnwick = here + "/tarnwick";
-    o.vpathsim = here + "/vpathsim";
-    if (const char* t = getenv("TARNWICK")) o.tarnwick = t;
-    if (const char* v = getenv("VPATHSIM")) o.vpathsim = v;
     bool compare = false;
+    const char* tarnwick = nullptr;
+    const char* vpathsim = nullptr;
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
+        bool value = i + 1 < argc;
         if (a == "--approve") {
             o.approve = true;
         } else if (a == "--keep") {
             o.keep = true;
         } else if (a == "--compare") {
             compare = true;
-        } else if (a == "--timeout" && i + 1 < argc) {
-            o.timeout_seconds = std::atoi(argv[++i]);
-            if (o.timeout_seconds <= 0) o.timeout_seconds = 120;
-        } else if ((a == "--tarnwick" || a == "--vpathsim") && i + 1 < argc) {
-            (a == "--tarnwick" ? o.tarnwick : o.vpathsim) = argv[++i];
+        } else if (a == "--timeout" && value) {
+            const char* t = argv[++i];
+            char* end = nullptr;
+            errno = 0;
+            long seconds = std::strtol(t, &end, 10);
+            if (end == t || *end != '\0' || errno != 0 || seconds <= 0 || seconds > 86400 * 365) {
+                std::fprintf(stderr, "tarnwick-check: --timeout %s: a whole number of seconds, 1 or more\n", t);
+                return kTrouble;
+            }
+            o.timeout_seconds = static_cast<int>(seconds);
+        } else if (a == "--tarnwick" && value) {
+            tarnwick = argv[++i];
+        } else if (a == "--vpathsim" && value) {
+            vpathsim = argv[++i];
+        } else if (a == "--junit" && value) {
+            o.junit = argv[++i];
         } else if (a == "--help") {
             std::fputs(kUsage, stdout);
             return 0;
@@ -130,16 +222,35 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return kTrouble;
     }
-    // A path relative to the caller must still name the tool once the run
-    // has moved into its scratch folder.
-    std::error_code ignored;
-    o.tarnwick = fs::absolute(o.tarnwick, ignored).string();
-    o.vpathsim = fs::absolute(o.vpathsim, ignored).string();
     if (compare) return compare_transcripts(files[0], files[1], o);
+    // A build tree has the simulator in sim/, an installation beside us.
+    std::string here = fs::path(self_path()).parent_path().string();
+    if (!find_program(&o.tarnwick, tarnwick, "TARNWICK", {here + "/tarnwick"}) ||
+        !find_program(&o.vpathsim, vpathsim, "VPATHSIM", {here + "/vpathsim", here + "/sim/vpathsim"}))
+        return kTrouble;
+    handle_ending_signals();
+    std::vector<Outcome> outcomes;
     int worst = 0;
     for (const std::string& f : files) {
-        int r = check_case(f, o);
+        if (caught_signal() != 0) break;
+        Outcome out;
+        out.file = f;
+        timespec start{};
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        int r = check_case(o, &out);
+        out.seconds = seconds_since(start);
+        if (caught_signal() != 0) break;
+        outcomes.push_back(out);
         if (r > worst) worst = r;
     }
+    if (!o.junit.empty() && !write_junit(o.junit, outcomes)) {
+        std::fprintf(stderr, "tarnwick-check: cannot write %s: %s\n", o.junit.c_str(), std::strerror(errno));
+        if (worst < kTrouble) worst = kTrouble;
+    }
+    if (int n = caught_signal(); n != 0) {
+        std::fprintf(stderr, "tarnwick-check: stopped by signal %d (SIG%s)\n", n, sigabbrev_np(n));
+        return 128 + n;
+    }
+    if (std::fflush(stdout) != 0 && worst < kTrouble) worst = kTrouble;
     return worst;
 }
