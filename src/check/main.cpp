@@ -247,10 +247,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "tarnwick-check: cannot write %s: %s\n", o.junit.c_str(), std::strerror(errno));
         if (worst < kTrouble) worst = kTrouble;
     }
-    if (int n = caught_signal(); n != 0) {
-        std::fprintf(stderr, "tarnwick-check: stopped by signal %d (SIG%s)\n", n, sigabbrev_np(n));
-        return 128 + n;
-    }
+    if (int n = caught_signal(); n != 0) return 128 + n;
     if (std::fflush(stdout) != 0 && worst < kTrouble) worst = kTrouble;
     return worst;
 }

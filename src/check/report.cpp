@@ -126,25 +126,35 @@ std::string xml(std::string_view text, bool attribute = true) {
     return out;
 }
 
-// The first lines that differ: the changed lines of the first hunk.
+// The first lines that differ: the label and changed lines of the first
+// hunk, read by its line counts ("@@ -1,2 +1,3 @@").
 std::string first_difference(const std::string& report) {
     std::string lines, label;
+    long removed = -1, added = -1;
     int count = 0;
-    bool in_hunk = false;
-    for (size_t at = 0; at < report.size() && count < 6;) {
+    for (size_t at = 0; at < report.size();) {
         size_t end = report.find('\n', at);
         if (end == std::string::npos) end = report.size();
-        std::string_view line(report.data() + at, end - at);
-        if (!in_hunk && line.substr(0, 4) == "--- ") {
-            label = std::string(line.substr(4)) + "\n";
-        } else if (line.substr(0, 2) == "@@") {
-            if (in_hunk) break;
-            in_hunk = true;
-        } else if (in_hunk && !line.empty() && (line[0] == '-' || line[0] == '+')) {
-            lines += std::string(line) + "\n";
-            ++count;
-        }
+        std::string line = report.substr(at, end - at);
         at = end + 1;
+        if (removed < 0) {
+            if (line.compare(0, 4, "--- ") == 0) label = line.substr(4) + "\n";
+            long a = 1, b = 1;
+            int start_a = 0, start_b = 0;
+            if (std::sscanf(line.c_str(), "@@ -%d,%ld +%d,%ld @@", &start_a, &a, &start_b, &b) == 4 ||
+                std::sscanf(line.c_str(), "@@ -%d +%d,%ld @@", &start_a, &start_b, &b) == 3 ||
+                (a = 1, b = 1, std::sscanf(line.c_str(), "@@ -%d,%ld +%d @@", &start_a, &a, &start_b) == 3) ||
+                (a = 1, b = 1, std::sscanf(line.c_str(), "@@ -%d +%d @@", &start_a, &start_b) == 2)) {
+                removed = a;
+                added = b;
+            }
+            continue;
+        }
+        if (removed <= 0 && added <= 0) break;
+        if (line.empty()) continue;
+        if (line[0] != '+') --removed;
+        if (line[0] != '-') --added;
+        if (line[0] != ' ' && count++ < 6) lines += line + "\n";
     }
     if (lines.empty()) {
         size_t end = report.find('\n');
