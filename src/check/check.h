@@ -61,9 +61,12 @@ std::string self_path();
 // case's scratch folder (its working directory), `sim` the simulator state.
 struct Scratch {
     std::string top, run, sim, bin;
+    int lock = -1;  // the folder's lock, held while the checker or its supervisor lives
 };
 bool make_scratch(const Options& o, Scratch* s, std::string* error);
 void remove_scratch(const Scratch& s);
+void keep_scratch(const Scratch& s);  // for --keep: never swept
+void sweep_stale_scratch();
 Masks masks_of(const Scratch& s);
 
 struct RunResult {

@@ -138,6 +138,7 @@ int check_case(const Options& o, Outcome* out) {
         out->result = compare_run(c, r, s, out);
     }
     if (o.keep) {
+        keep_scratch(s);
         say(out, "%s: kept %s\n", out->file.c_str(), s.run.c_str());
     } else {
         remove_scratch(s);
@@ -229,6 +230,7 @@ int main(int argc, char** argv) {
         !find_program(&o.vpathsim, vpathsim, "VPATHSIM", {here + "/vpathsim", here + "/sim/vpathsim"}))
         return kTrouble;
     handle_ending_signals();
+    sweep_stale_scratch();
     std::vector<Outcome> outcomes;
     int worst = 0;
     for (const std::string& f : files) {

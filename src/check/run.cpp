@@ -3,6 +3,8 @@
 // remove its folder.
 #include <fcntl.h>
 #include <signal.h>
+#include <dirent.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -162,9 +164,42 @@ void handle_ending_signals() {
 
 int caught_signal() { return g_signal; }
 
-bool make_scratch(const Options& o, Scratch* s, std::string* error) {
+namespace {
+
+std::string temporary_directory() {
     const char* tmp = getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarnwick-check.XXXXXX";
+    return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+}
+
+}  // namespace
+
+// A scratch folder holds a "lock" file locked while its checker or the
+// supervisor lives. One whose lock nobody holds (both killed outright) is
+// removed by the next checker; a folder kept with --keep has no lock.
+void sweep_stale_scratch() {
+    std::string tmp = temporary_directory();
+    DIR* dir = opendir(tmp.c_str());
+    if (dir == nullptr) return;
+    time_t now = time(nullptr);
+    while (dirent* e = readdir(dir)) {
+        if (std::strncmp(e->d_name, "tarnwick-check.", 15) != 0) continue;
+        std::string top = tmp + "/" + e->d_name, lock = top + "/lock";
+        struct stat info {};
+        // A folder just made may not be locked yet.
+        if (lstat(lock.c_str(), &info) != 0 || info.st_uid != geteuid() || now - info.st_mtime < 10) continue;
+        int fd = open(lock.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) continue;
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            std::error_code ignored;
+            fs::remove_all(top, ignored);
+        }
+        close(fd);
+    }
+    closedir(dir);
+}
+
+bool make_scratch(const Options& o, Scratch* s, std::string* error) {
+    std::string pattern = temporary_directory() + "/tarnwick-check.XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
         *error = "scratch folder " + pattern + ": " + std::strerror(errno);
         return false;
@@ -173,6 +208,13 @@ bool make_scratch(const Options& o, Scratch* s, std::string* error) {
     // The run sees its folder by its real name ($PWD), and so does the mask.
     s->top = fs::canonical(pattern, ec).string();
     if (ec) s->top = pattern;
+    // Held by this process and the supervisor it forks, never by the run.
+    s->lock = open((s->top + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (s->lock < 0 || flock(s->lock, LOCK_EX) != 0) {
+        *error = "scratch folder " + s->top + ": " + std::strerror(errno);
+        remove_scratch(*s);
+        return false;
+    }
     s->run = s->top + "/run";
     s->sim = s->top + "/sim";
     s->bin = s->top + "/bin";
@@ -207,6 +249,12 @@ bool make_scratch(const Options& o, Scratch* s, std::string* error) {
 void remove_scratch(const Scratch& s) {
     std::error_code ignored;
     fs::remove_all(s.top, ignored);
+    if (s.lock >= 0) close(s.lock);
+}
+
+void keep_scratch(const Scratch& s) {
+    unlink((s.top + "/lock").c_str());
+    if (s.lock >= 0) close(s.lock);
 }
 
 Masks masks_of(const Scratch& s) { return {{s.run, "<scratch>"}, {s.sim, "<simstate>"}}; }
