@@ -68,14 +68,22 @@ bool read_all(int fd, void* data, size_t size) {
     return true;
 }
 
+// Whether the group's leader has ended. It is left unreaped, so that its
+// process and group id cannot be given to another program while the rest
+// of the group is still being ended.
+bool leader_ended(pid_t leader, bool block) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(leader), &info, WEXITED | WNOWAIT | (block ? 0 : WNOHANG)) == 0 &&
+           info.si_pid == leader;
+}
+
 // Ends the run's process group: asked first, so that a simulator under it
 // removes what it made, then told, whatever is left after `grace_ms`.
-void end_group(pid_t group, pid_t leader, int* status, long long grace_ms) {
-    kill(-group, SIGTERM);
+void end_group(pid_t leader, long long grace_ms) {
+    kill(-leader, SIGTERM);
     long long until = now_ms() + grace_ms;
-    while (waitpid(leader, status, WNOHANG) == 0 && now_ms() < until) usleep(10000);
-    kill(-group, SIGKILL);
-    while (waitpid(leader, status, 0) < 0 && errno == EINTR) {}
+    while (!leader_ended(leader, false) && now_ms() < until) usleep(10000);
+    kill(-leader, SIGKILL);
 }
 
 struct Launch {
@@ -125,19 +133,20 @@ struct Launch {
     setpgid(run, run);
     if (write(report, &run, sizeof run) != sizeof run) {}
     sigprocmask(SIG_SETMASK, &mask, nullptr);
-    int status = 0;
     for (;;) {
         if (getppid() != checker) {
-            end_group(run, run, &status, 5000);
+            end_group(run, 5000);
             std::error_code ignored;
             fs::remove_all(top, ignored);
             _exit(kTrouble);
         }
-        if (waitpid(run, &status, 0) == run) break;
+        if (leader_ended(run, true)) break;
         if (errno != EINTR) _exit(kTrouble);
     }
     // Whatever the run left behind in its process group must not outlive it.
     kill(-run, SIGKILL);
+    int status = 0;
+    while (waitpid(run, &status, 0) < 0 && errno == EINTR) {}
     if (write(report, &status, sizeof status) != sizeof status) {}
     _exit(0);
 }
@@ -367,6 +376,10 @@ bool run_case(const Case& c, const Options& o, const Scratch& s, RunResult* r, s
     int status = 0;
     if (!read_all(report[0], &status, sizeof status)) status = SIGKILL;  // as if killed
     close(report[0]);
+    if (group <= 0) {
+        *error = "the run could not be started";
+        return false;
+    }
     r->status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     read_file(l.out, &r->out);
     read_file(l.err, &r->err);
