@@ -198,7 +198,7 @@ int main(int argc, char** argv) {
             char* end = nullptr;
             errno = 0;
             long seconds = std::strtol(t, &end, 10);
-            if (end == t || *end != '\0' || errno != 0 || seconds <= 0 || seconds > 86400 * 365) {
+            if (end == t || *end != '\0' || errno != 0 || seconds <= 0 || seconds > 86400L * 365) {
                 std::fprintf(stderr, "tarnwick-check: --timeout %s: a whole number of seconds, 1 or more\n", t);
                 return kTrouble;
             }
