@@ -163,11 +163,12 @@ std::string first_difference(const std::string& report) {
     return label + lines;
 }
 
-std::string case_name(const std::string& file) { return fs::path(file).stem().string(); }
-
-std::string case_class(const std::string& file) {
-    std::string folder = fs::path(file).parent_path().filename().string();
-    return folder.empty() ? case_name(file) : folder + "." + case_name(file);
+// As CTest names the project's cases: the folder and the file's name,
+// "check.checker" for tests/golden/check/checker.case.
+std::string case_name(const std::string& file) {
+    fs::path path(file);
+    std::string folder = path.parent_path().filename().string();
+    return folder.empty() ? path.stem().string() : folder + "." + path.stem().string();
 }
 
 }  // namespace
@@ -198,7 +199,8 @@ bool write_junit(const std::string& path, const std::vector<Outcome>& outcomes) 
     for (const Outcome& o : outcomes) {
         char seconds[32];
         std::snprintf(seconds, sizeof seconds, "%.6f", o.seconds);
-        text += "\t<testcase name=\"" + xml(case_class(o.file)) + "\" classname=\"" + xml(o.file) + "\" time=\"" +
+        std::string name = xml(case_name(o.file));
+        text += "\t<testcase name=\"" + name + "\" classname=\"" + name + "\" time=\"" +
                 seconds + "\" status=\"" + (o.result == 0 ? "run" : "fail") + "\">\n";
         if (o.result == kDifferent) text += "\t\t<failure message=\"" + xml(first_difference(o.report)) + "\"/>\n";
         if (o.result == kTrouble) text += "\t\t<error message=\"" + xml(o.message) + "\"/>\n";
