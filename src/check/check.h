@@ -14,8 +14,9 @@ constexpr int kTrouble = 2;
 
 // A program a case may run: the one to run, or where it was looked for.
 struct Program {
-    std::string name;    // as the case calls it: tarnwick, vpathsim
-    std::string path;    // absolute; empty when none was found
+    std::string name;      // as the case calls it: tarnwick, vpathsim
+    std::string variable;  // the environment variable that names it: TARNWICK, VPATHSIM
+    std::string path;      // absolute; empty when none was found
     std::string looked;  // the places tried, for the message that none was found
 };
 
@@ -23,8 +24,8 @@ struct Options {
     bool approve = false;
     bool keep = false;
     int timeout_seconds = 120;
-    Program tarnwick{"tarnwick", {}, {}};
-    Program vpathsim{"vpathsim", {}, {}};
+    Program tarnwick{"tarnwick", "TARNWICK", {}, {}};
+    Program vpathsim{"vpathsim", "VPATHSIM", {}, {}};
     std::string junit;  // --junit FILE
 };
 
@@ -84,7 +85,8 @@ int caught_signal();  // the first ending signal that arrived, 0 if none
 // Appends a unified diff of two texts to `report`; returns false when they differ.
 bool same_or_diff(const std::string& expected_label, const std::string& actual_label, const std::string& expected,
                   const std::string& actual, const std::string& folder, std::string* report);
-bool approve_case(const std::string& path, const Case& c, const RunResult& r, const Scratch& s, std::string* error);
+// Returns 0, kDifferent (a file the case expects was not written) or kTrouble.
+int approve_case(const std::string& path, const Case& c, const RunResult& r, const Scratch& s, std::string* error);
 int compare_transcripts(const std::string& approved, const std::string& actual, const Options& o);
 
 struct Outcome {

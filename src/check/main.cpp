@@ -59,20 +59,12 @@ void say(Outcome* out, const char* format, ...) {
     out->report += line;
 }
 
-int trouble(Outcome* out, const std::string& message) {
-    std::fprintf(stderr, "tarnwick-check: %s: %s\n", out->file.c_str(), message.c_str());
+// A message with a line number, "12: what", reads "CASE:12: what".
+int trouble(Outcome* out, const std::string& message, int result = kTrouble) {
+    bool line = !message.empty() && message[0] >= '0' && message[0] <= '9';
+    std::fprintf(stderr, "tarnwick-check: %s:%s%s\n", out->file.c_str(), line ? "" : " ", message.c_str());
     out->message = message;
-    return out->result = kTrouble;
-}
-
-// "12: what" from the case format and the run become "CASE:12: what".
-int case_trouble(Outcome* out, const std::string& error) {
-    if (!error.empty() && error[0] >= '0' && error[0] <= '9') {
-        std::fprintf(stderr, "tarnwick-check: %s:%s\n", out->file.c_str(), error.c_str());
-        out->message = error;
-        return out->result = kTrouble;
-    }
-    return trouble(out, error);
+    return out->result = result;
 }
 
 int compare_run(const Case& c, const RunResult& r, const Scratch& s, Outcome* out) {
@@ -113,27 +105,24 @@ int check_case(const Options& o, Outcome* out) {
     std::string text, error;
     Case c;
     if (!read_file(out->file, &text)) return trouble(out, std::strerror(errno));
-    if (!parse_case(text, &c, &error)) return case_trouble(out, error);
+    if (!parse_case(text, &c, &error)) return trouble(out, error);
     Scratch s;
     if (!make_scratch(o, &s, &error)) return trouble(out, error);
     RunResult r;
     if (!run_case(c, o, s, &r, &error)) {
-        case_trouble(out, error);
+        trouble(out, error);
     } else if (caught_signal() != 0) {
         out->result = kTrouble;
         out->message = "stopped by signal " + std::to_string(caught_signal());
     } else if (!r.missing.empty()) {
         const Program& p = r.missing[0] == "tarnwick" ? o.tarnwick : o.vpathsim;
         trouble(out, "the case runs " + p.name + ", and there is none (looked for " + p.looked + "); name it with --" +
-                         p.name + " PATH or $" + (p.name == "tarnwick" ? "TARNWICK" : "VPATHSIM"));
+                         p.name + " PATH or $" + p.variable);
     } else if (r.timed_out) {
         say(out, "%s: the run did not end within %d seconds\n", out->file.c_str(), o.timeout_seconds);
         out->result = kDifferent;
     } else if (o.approve) {
-        if (!approve_case(out->file, c, r, s, &error)) {
-            case_trouble(out, error);
-            if (error.find("the run wrote no file") != std::string::npos) out->result = kDifferent;
-        }
+        if (int result = approve_case(out->file, c, r, s, &error); result != 0) trouble(out, error, result);
     } else {
         out->result = compare_run(c, r, s, out);
     }
@@ -148,10 +137,10 @@ int check_case(const Options& o, Outcome* out) {
 
 // The program a case runs as `name`: exactly the one named by the option or
 // the variable, else the first of `places` there is. false: named, not there.
-bool find_program(Program* p, const char* option, const char* variable, const std::vector<std::string>& places) {
-    const char* env = getenv(variable);
+bool find_program(Program* p, const char* option, const std::vector<std::string>& places) {
+    const char* env = getenv(p->variable.c_str());
     std::string named = option != nullptr ? option : env != nullptr ? env : "";
-    std::string how = option != nullptr ? "--" + p->name : std::string("$") + variable;
+    std::string how = (option != nullptr ? "--" : "$") + (option != nullptr ? p->name : p->variable);
     if (!named.empty()) {
         std::error_code ec;
         std::string path = fs::absolute(named, ec).string();
@@ -226,8 +215,8 @@ int main(int argc, char** argv) {
     if (compare) return compare_transcripts(files[0], files[1], o);
     // A build tree has the simulator in sim/, an installation beside us.
     std::string here = fs::path(self_path()).parent_path().string();
-    if (!find_program(&o.tarnwick, tarnwick, "TARNWICK", {here + "/tarnwick"}) ||
-        !find_program(&o.vpathsim, vpathsim, "VPATHSIM", {here + "/vpathsim", here + "/sim/vpathsim"}))
+    if (!find_program(&o.tarnwick, tarnwick, {here + "/tarnwick"}) ||
+        !find_program(&o.vpathsim, vpathsim, {here + "/vpathsim", here + "/sim/vpathsim"}))
         return kTrouble;
     handle_ending_signals();
     sweep_stale_scratch();

@@ -47,7 +47,7 @@ bool same_or_diff(const std::string& expected_label, const std::string& actual_l
 // first as they were, then the expected files in their order, the streams
 // when not empty, the status when not 0. A file the case expects and the
 // run never wrote is not made up: the case stays as it was.
-bool approve_case(const std::string& path, const Case& c, const RunResult& r, const Scratch& s, std::string* error) {
+int approve_case(const std::string& path, const Case& c, const RunResult& r, const Scratch& s, std::string* error) {
     Masks masks = masks_of(s);
     std::string text = c.preamble;
     for (const Section& x : c.sections) {
@@ -59,7 +59,7 @@ bool approve_case(const std::string& path, const Case& c, const RunResult& r, co
         std::string data;
         if (!read_file(s.run + "/" + x.argument, &data)) {
             *error = std::to_string(x.line) + ": the run wrote no file " + x.argument + "; the case is left as it was";
-            return false;
+            return kDifferent;
         }
         text += "--- expect " + x.argument + "\n" + visible(data, masks);
     }
@@ -68,9 +68,9 @@ bool approve_case(const std::string& path, const Case& c, const RunResult& r, co
     if (r.status != 0) text += "--- status " + std::to_string(r.status) + "\n";
     if (!write_file(path, text)) {
         *error = "cannot write the case: " + std::string(std::strerror(errno));
-        return false;
+        return kTrouble;
     }
-    return true;
+    return 0;
 }
 
 int compare_transcripts(const std::string& approved, const std::string& actual, const Options& o) {

@@ -299,8 +299,8 @@ bool run_case(const Case& c, const Options& o, const Scratch& s, RunResult* r, s
         return false;
     }
     if (sim && o.vpathsim.path.empty()) {
-        *error = where + "no vpathsim to run (looked for " + o.vpathsim.looked +
-                 "); name it with --vpathsim PATH or $VPATHSIM";
+        *error = where + "no vpathsim to run (looked for " + o.vpathsim.looked + "); name it with --vpathsim PATH or $" +
+                 o.vpathsim.variable;
         return false;
     }
     Launch l;
@@ -322,10 +322,8 @@ bool run_case(const Case& c, const Options& o, const Scratch& s, RunResult* r, s
     l.args.insert(l.args.end(), {"/bin/sh", "-c", decode(run->body)});
     std::string path = s.bin;
     if (const char* old = getenv("PATH")) path += std::string(":") + old;
-    l.env = {{"PATH", path},
-             {"LC_ALL", "C"},
-             {"TARNWICK", s.bin + "/tarnwick"},
-             {"VPATHSIM", s.bin + "/vpathsim"}};
+    l.env = {{"PATH", path}, {"LC_ALL", "C"}};
+    for (const Program* p : {&o.tarnwick, &o.vpathsim}) l.env.emplace_back(p->variable, s.bin + "/" + p->name);
 
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) {
