@@ -197,11 +197,11 @@ bool write_junit(const std::string& path, const std::vector<Outcome>& outcomes) 
                   outcomes.size(), failures, errors, xml(host).c_str(), total, stamp);
     std::string text = head;
     for (const Outcome& o : outcomes) {
-        char seconds[32];
-        std::snprintf(seconds, sizeof seconds, "%.6f", o.seconds);
         std::string name = xml(case_name(o.file));
-        text += "\t<testcase name=\"" + name + "\" classname=\"" + name + "\" time=\"" +
-                seconds + "\" status=\"" + (o.result == 0 ? "run" : "fail") + "\">\n";
+        char line[1024];
+        std::snprintf(line, sizeof line, "\t<testcase name=\"%s\" classname=\"%s\" time=\"%.6f\" status=\"%s\">\n",
+                      name.c_str(), name.c_str(), o.seconds, o.result == 0 ? "run" : "fail");
+        text += line;
         if (o.result == kDifferent) text += "\t\t<failure message=\"" + xml(first_difference(o.report)) + "\"/>\n";
         if (o.result == kTrouble) text += "\t\t<error message=\"" + xml(o.message) + "\"/>\n";
         text += "\t\t<system-out>" + xml(o.report, false) + "</system-out>\n\t</testcase>\n";
