@@ -20,8 +20,9 @@ cmake --install "$build" --prefix "$work/first" > /dev/null
 p=$work/prefix
 mv "$work/first" "$p"
 lib=$(find "$p" -name libvpathsim_preload.so)
-for file in bin/tarnwick bin/vpathsim share/man/man1/tarnwick.1 share/man/man1/vpathsim.1 \
-    share/doc/tarnwick/language.md share/doc/tarnwick/simulator.md share/doc/tarnwick/examples/failover-midwrite.tw
+for file in bin/tarnwick bin/vpathsim bin/tarnwick-check share/man/man1/tarnwick.1 share/man/man1/vpathsim.1 \
+    share/man/man1/tarnwick-check.1 share/doc/tarnwick/language.md share/doc/tarnwick/simulator.md \
+    share/doc/tarnwick/golden.md share/doc/tarnwick/examples/failover-midwrite.tw
 do [ -e "$p/$file" ] || fail "$file not installed"; done
 
 # The library vpathsim preloads is the installed one.
@@ -35,6 +36,10 @@ if unshare -rm true 2> /dev/null; then
 else
     "$0" --run-example "$p" "$work" || fail "the installed example failed"
 fi
+
+# The installed checker finds the programs beside it.
+printf '%s\n' '--- run sim' 'vpathsim show > /dev/null && tarnwick > /dev/null 2>&1; test $? != 127' > "$work/found.case"
+env -u TARNWICK -u VPATHSIM "$p/bin/tarnwick-check" "$work/found.case" || fail "the installed checker found no programs"
 
 # Without its library vpathsim says so, rather than run the program bare.
 rm "$lib"
