@@ -105,6 +105,16 @@ TEST(BufferAddress, OwnWritableMemoryIsRefused) {
         {reinterpret_cast<uintptr_t>(&on_stack), 1, true}, {own - 4096, kIoBufferSize, true},  // ends inside
         {4096, 4096, false}, {UINT64_MAX - 10, 100, false}};  // wraps: clamped, nothing mapped there
     for (const auto& c : cases) EXPECT_EQ(address_in_writable_memory(c.address, c.length), c.inside) << c.address;
+    // set buffer refuses one and says so (the address changes from run to run: no golden case shows it)
+    char line[64], message[96];
+    snprintf(line, sizeof line, "set buffer = %lu", static_cast<unsigned long>(own));
+    snprintf(message, sizeof message, "The buffer address %lx lies in the tool's own memory, not set.\n",
+             static_cast<unsigned long>(own));
+    const Statement set(line);
+    CapturedStream out;
+    execute_set(set.text.c_str(), out.stream, set.tokens, 1, set.count - 1);
+    EXPECT_EQ(out.text(), message);
+    EXPECT_EQ(test_context.buffer_override_armed, 0);
 }
 
 // The block layer's answers make the capacity record (big-endian highest LBA,
