@@ -122,7 +122,7 @@ def expected_outputs(top):
 
 def main():
     top = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).resolve().parent.parent)
-    sources = [p for p in sorted((top / "src").rglob("*.cpp")) if "check" not in p.relative_to(top / "src").parts]
+    sources = [p for p in sorted((top / "src").rglob("*.[ch]*")) if "check" not in p.relative_to(top / "src").parts]
     corpus = expected_outputs(top)
     seen, missing, shown = set(), [], []
     for path in sources:
@@ -132,7 +132,7 @@ def main():
             seen.add(text)
             # Line by line: a screen shown as its difference from another
             # marks each line it shows.
-            covered = all(pattern(line).search(corpus) for line in text.split("\n") if line.strip())
+            covered = all(pattern(piece).search(corpus) for piece in text.split("\n") if piece.strip())
             where = "%s:%d: %r" % (path.relative_to(top), line, text)
             if text in UNREACHABLE:
                 if covered:
