@@ -5,7 +5,8 @@
 # would hide both); every written sector holds its record, per a reader
 # sharing only glibc's srand/rand with the tool; random_write reaches past the
 # first sectors; on 4096-byte blocks a 512-byte direct write gets EINVAL until
-# device_capacity sets the sector size.   loop_device.sh TARNWICK
+# device_capacity sets the sector size; each of the eight direct or
+# synchronous open modes reaches the kernel with its flags.   loop_device.sh TARNWICK
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
@@ -72,6 +73,36 @@ grep -qx "sector size = 512, highest LBA = 131071 " sweep.out || fail "capacity 
 grep -qx "block 5 verify failed at byte 100, expected 2, read ff " sweep.out || fail "changed byte not read"
 python3 check.py disk.img 512 1000 >check.out || fail "backing file after the sweep"
 grep -qx "records past the first 1000: 0" check.out && fail "random_write stayed within the first 1000 sectors"
+
+# Each direct or synchronous open mode's flags as the kernel holds them
+# (fdinfo, octal): O_DIRECT 040000, O_DSYNC 010000, O_NONBLOCK 04000, the
+# access mode in the low bits. All eight hold the device at once.
+loop=$(losetup -f --show disk.img) || fail "losetup for the open modes"
+set -- RO+DIRECT 040000 RW+DIRECT 040002 RW+SYNC 010002 RW+DIRECT+SYNC 050002 \
+    RO+DIRECT+NDELAY 044000 RW+DIRECT+NDELAY 044002 RW+SYNC+NDELAY 014002 RW+DIRECT+SYNC+NDELAY 054002
+pids=""
+for mode in $(printf '%s\n' "$@" | sed -n 'p;n'); do
+    printf 'command open $D %s result rc >= 0\ndelay 2\n' "$mode" > "$mode.tw"
+    timeout 20 "$tarnwick" -f "$mode.tw" -o "$mode.out" -d "$loop" >/dev/null 2>&1 &
+    pids="$pids $!"
+done
+for pid in $pids; do
+    mode=$1 want=$2; shift 2
+    flags=""
+    for _ in $(seq 50); do
+        tool=$(cat /proc/"$pid"/task/"$pid"/children 2>/dev/null)  # the child of timeout
+        for fd in /proc/${tool% }/fd/*; do
+            [ "$(readlink "$fd" 2>/dev/null)" = "$loop" ] && flags=$(awk '/^flags:/ {print $2}' "${fd%/fd/*}/fdinfo/${fd##*/}")
+        done
+        [ -n "$flags" ] && break
+        sleep 0.1
+    done
+    got=$(printf '%06o' $(( 0$flags & 054003 )))
+    [ "$got" = "$want" ] || fail "open mode $mode: flags $flags, expected $want among them"
+done
+wait
+losetup -d "$loop" || fail "losetup -d $loop"
+loop=""
 
 truncate -s 16M disk4k.img
 run big disk4k.img --sector-size 4096 <<'EOF' || skip "losetup cannot set a 4096-byte sector size"

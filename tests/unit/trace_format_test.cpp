@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/driver.h"
 #include "support.h"
 #include "trace/trace.h"
 
@@ -72,3 +73,115 @@ TEST(TraceRawReport, FiguresBeyondTheBuffer) {
 }
 
 }  // namespace
+
+// What no golden case can show, as each prints a buffer's address: the
+// advanced trace menu with its record and local flags, and the raw report.
+TEST(TraceScreens, AdvancedMenuAndRawReport) {
+    TraceState& s = trace_state;
+    s.record = TraceArgumentRecord{}, s.record_initialised = 1, s.output_file_name[0] = '\0';
+    s.record.user_addr = 0x1000, s.record.flags = TRACE_DUMP | TRACE_ENTRY, s.record.bytes_reported = 4;
+    s.filter_mask = kTraceDefaultFilter, s.raw_size = 8, s.raw_buffer.reset(new uint8_t[8]{'0', '5', 'a', '~'});
+    char answers[] = "50\n3\n\n\n";
+    FILE* input = fmemopen(answers, sizeof answers - 1, "r");
+    CapturedStream screen, report;
+    trace_menu_session(screen.stream, input, screen.stream);
+    fclose(input);
+    const std::string record = R"(
+Trace Argument Contents:
+  command: DD_TRACE_GET_FLAGS  current flags 0x00001010
+  Console printf:    0  Trace lock:        0  Platform specific: 0  Common code:       0
+  ENTRY:    1  EXIT:     0  DEBUG:    0
+  PAUSE:    0  COMPRESS: 0  DUMP:     1
+  user addr:  0x00001000  kernel addr: 0x00000000
+  bytes req:           0  bytes rpt:            4
+  usage:               0  capacity:             0
+  first offset:        0  last offset:          0
+  entry count:         0  total entry:          0
+  lap_count:           0
+)";
+    EXPECT_NE(screen.text().find(R"(enter selection: Trace Operations Menu
+
+ current trace output file is <>
+  trace filter mask 0x00000070
+  ENTRY:    1  EXIT:     1  DEBUG:    1
+)" + record + R"(
+Trace Flag Operations:
+  1 : get flags from kernel
+  2 : apply flags to kernel
+  3 : set local flags
+
+Trace Report Operations:
+  4 : set report bytes requested
+  5 : request report from kernel
+  6 : set report filter mask
+  7 : format report
+  8 : set trace output
+  9 : append raw  report to trace file
+ 10 : append cook report to trace file
+
+ 19 : start device driver trace 
+ 20 : start detailed device driver trace 
+ 21 : end   device driver trace 
+ 22 : write driver trace data to file <>
+ 23 : clear trace table
+
+ 50 : advanced trace options
+
+ 99 : return to test menu
+
+enter selection:  Destinations: (1) printf   (2) pserr     (3) ps   
+               (4) cc                              
+ Macros:       (5) entry    (6) exit      (7) debug
+ Controls:     (8) pause    (9) compress (10) dump 
+enter flag to change or return to continue: flag value (0/1): Trace Operations Menu
+)"),
+              std::string::npos)
+        << screen.text();
+    write_raw_report(report.stream, s);
+    char pointers[80];
+    const auto raw = reinterpret_cast<unsigned long>(s.raw_buffer.get());
+    snprintf(pointers, sizeof pointers, "raw_p 0x%lx  dump 0x%lx  dump_bytes 0\n", raw, raw + kTraceDumpCountOffset);
+    EXPECT_EQ(report.text(), "***** Trace Report Control Info *****\n" + record + R"(***** Trace Report Begin 4 bytes *****
+05a~
+***** Trace Report End Raw *****
+
+***** Trace Report Begin Dump *****
+)" + pointers + "\n***** Trace Report End Dump *****\n");
+}
+
+// The trace menu's steps under -t, and each request failing in turn: -t
+// prints the record's address, so no golden case shows these.
+TEST(TraceScreens, TracedStepsAndFailedRequests) {
+    TraceState& s = trace_state;
+    test_context.trace = 1, test_context.device_handle = 3;
+    int calls = 0, failing = 0;
+    ScopedFakeIoctl fake([&](int, unsigned long, void*) { return ++calls == failing ? errno = EIO, -1 : 0; });
+    auto session = [&](std::string answers, int fail) {
+        calls = 0, failing = fail, s.record_initialised = 1, s.record.flags = TRACE_CC;
+        FILE* input = fmemopen(answers.data(), answers.size(), "r");
+        CapturedStream screen;
+        trace_menu_session(screen.stream, input, screen.stream);
+        fclose(input);
+        return screen.text();
+    };
+    const std::string traced = session("22\n19\n20\n21\n", 0);
+    for (const char* step :
+         {"TTRACE trace_menu entered.\n", "TTRACE begin snapshot, get flags \n", "TTRACE set pause 0x1 \n",
+          "TTRACE request report 0x2 \n", "TTRACE set unpause 0x1 \n", "TTRACE calling dd_trace_format_report \n",
+          "TTRACE cook_report_bytes = 0 \n", "TTRACE start tracing, get flags \n", "TTRACE flags 0x08 \n",
+          "TTRACE set cc trace on 0x1 \n", "TTRACE start detailed tracing, get flags \n", "TTRACE end tracing, get flags \n",
+          "TTRACE set cc trace off 0x1 \n"})
+        EXPECT_NE(traced.find(step), std::string::npos) << step << traced;
+    const struct { const char* answers; int fail; const char* message; } failures[] = {
+        {"19\n", 2, "trace start failed, return to continue\n"}, {"21\n", 2, "trace end failed, return to continue\n"},
+        {"22\n", 2, "snapshot failed pause on, return to continue\n"},
+        {"22\n", 3, "snapshot failed get report, return to continue\n"},
+        {"22\n", 4, "snapshot failed pause off, return to continue\n"}};
+    for (const auto& f : failures) EXPECT_NE(session(f.answers, f.fail).find(f.message), std::string::npos) << f.message;
+    CapturedStream inquiry;  // -t around INQUIRY data, traced with its request's address too
+    const uint8_t data[sizeof(InquiryData)] = {};
+    fprintf_inquiry_data(inquiry.stream, data);
+    EXPECT_EQ(inquiry.text().rfind("TTRACE: fprintf_inquiry_data entered.\nINQUIRY data:\n", 0), 0u);
+    EXPECT_NE(inquiry.text().find(") \nTTRACE: fprintf_inquiry_data exit.\n"), std::string::npos);
+    test_context.trace = 0, test_context.device_handle = -1;
+}
