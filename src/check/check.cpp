@@ -205,6 +205,15 @@ void mask_line(std::string& line) {
     }
     mask_number(line, "elapsed time in seconds = ", "<elapsed>");
     mask_number(line, "Data rate = ", "<rate>");
+    // A results file (-j) carries the unit of a measured time or rate in
+    // the key's name: a number after a key ending in _s or _us is masked.
+    for (std::string_view unit : {"_s\":", "_us\":"}) {
+        for (size_t at = line.find(unit); at != std::string::npos; at = line.find(unit, at + 1)) {
+            size_t begin = at + unit.size(), end = begin;
+            while (end < line.size() && std::strchr("+-.0123456789e", line[end]) != nullptr) ++end;
+            if (end > begin) line.replace(begin, end - begin, "<t>");
+        }
+    }
 }
 
 // The text a body would hold for `bytes`, masked: the inverse of decode()

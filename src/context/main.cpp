@@ -10,6 +10,7 @@
 
 #include "context/context.h"
 #include "context/output.h"
+#include "context/results.h"
 #include "device/generator.h"
 #include "menu/menu.h"
 #include "script/script.h"
@@ -40,6 +41,7 @@ bool read_command_line(int argc, char** argv) {
         {"-f", c.batch_input_file, &c.input_file_given},
         {"-o", c.batch_output_file, &c.output_file_given},
         {"-d", c.special_file, &c.special_file_given},
+        {"-j", results_file, &results_file_given},
     };
     int position = 1;
     for (;;) {
@@ -102,6 +104,12 @@ void keep_standard_streams_open() {
     }
 }
 
+int exit_status() {
+    if (output_lost()) return kExitOutputLost;
+    if (stop_signal != 0) return 128 + stop_signal;
+    return test_context.result_code;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -115,7 +123,9 @@ int main(int argc, char** argv) {
     if (test_context.input_file_given == 1 && output_is_input()) return kResultSyntaxError;
 
     print_usage();
+    if (results_file_given == 1 && !results_open()) return kExitOutputLost;
     trace_init();
+    results_run_start();
     if (test_context.input_file_given == 1) {
         batch_test_menu();
     } else {
@@ -123,7 +133,7 @@ int main(int argc, char** argv) {
     }
     trace_close_output();
     ttrace(stdout, "TTRACE: main exit.\n");
-    if (output_lost()) return kExitOutputLost;
-    if (stop_signal != 0) return 128 + stop_signal;
-    return test_context.result_code;
+    results_run_end(exit_status());
+    results_close();
+    return exit_status();
 }
