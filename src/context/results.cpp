@@ -76,7 +76,7 @@ const char* verdict(int exit_status) {
 }  // namespace
 
 bool results_open() {
-    results = open_output(results_file, "w");
+    results = open_output_aside(results_file, "w");
     if (results == nullptr) {
         fprintf(stderr, "Error opening file '%s' \n", results_file);
         return false;
@@ -177,8 +177,11 @@ void results_data_command(const CommandOutcome& outcome) {
     }
     event["stall_us"] = stall;
     event["stall_start_us"] = stall_start;
-    // A failed record ends the command: it is the last to complete.
-    if (outcome.return_code < 0 && !t.completed_at_us.empty()) event["failed_at_us"] = previous;
+    // A record that failed ends the command: it is the last to complete
+    // (a verify mismatch fails the command with no error number).
+    if (outcome.return_code < 0 && outcome.error_number != 0 && !t.completed_at_us.empty()) {
+        event["failed_at_us"] = previous;
+    }
     add_timeline(event, t);
     emit(event);
     t.command = "";
