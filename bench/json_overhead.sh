@@ -36,6 +36,7 @@ run() { # direction [-j file]
 }
 smaller() { echo "if ($1 < $2) $1 else $2" | bc -l; }
 
+: > disk.img
 printf '%-11s %10s %10s %8s\n' command plain_s json_s ratio
 for direction in write read read_verify; do
     p=999999 j=999999

@@ -26,6 +26,8 @@ constexpr const char* kUsage =
 constexpr double kWidth = 800;
 constexpr double kPanelHeight = 240;
 constexpr double kLeft = 60, kRight = 20, kTop = 40, kBottom = 40;
+// Labels over the bars stay readable on a white outline.
+constexpr const char* kHalo = " stroke=\"#fff\" stroke-width=\"3\" paint-order=\"stroke\"";
 constexpr std::size_t kMaxIntervals = 100000;  // a hand-made file cannot make the chart endless
 
 // A mark on the time axis: a failed record or a fault the file names.
@@ -128,16 +130,16 @@ void draw(const Panel& p, double top) {
         std::printf("<rect x=\"%.1f\" y=\"%.1f\" width=\"%.2f\" height=\"%.1f\" fill=\"#f0a030\" "
                     "fill-opacity=\"0.35\"/>\n",
                     x0, top + kTop, std::max(1.0, x1 - x0), plot_h);
-        std::printf("<text x=\"%.1f\" y=\"%.1f\" font-size=\"12\" fill=\"#a05000\">longest stall %s</text>\n",
-                    std::min(x0, kWidth - kRight - 160), top + kTop + 14, duration(p.stall_us).c_str());
+        std::printf("<text x=\"%.1f\" y=\"%.1f\" font-size=\"12\" fill=\"#a05000\"%s>longest stall %s</text>\n",
+                    std::min(x0, kWidth - kRight - 160), top + kTop + 14, kHalo, duration(p.stall_us).c_str());
     }
     double label_y = top + kTop + 30;
     for (const Mark& m : p.marks) {
         const double at = x(m.at_us);
         std::printf("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#c00000\" stroke-width=\"2\"/>\n",
                     at, top + kTop, at, base);
-        std::printf("<text x=\"%.1f\" y=\"%.1f\" font-size=\"12\" fill=\"#c00000\">%s</text>\n",
-                    std::min(at + 4, kWidth - kRight - 160), label_y, m.label.c_str());
+        std::printf("<text x=\"%.1f\" y=\"%.1f\" font-size=\"12\" fill=\"#c00000\"%s>%s</text>\n",
+                    std::min(at + 4, kWidth - kRight - 160), label_y, kHalo, m.label.c_str());
         label_y += 14;
     }
     // Axes: records per interval up the side, time since the first record along the bottom.
