@@ -28,7 +28,8 @@ const char kUsage[] =
     "       tarnwick-check [--approve] --compare APPROVED ACTUAL\n"
     "Runs each golden case and compares its results with the case's expectations,\n"
     "or compares the transcript ACTUAL with the approved transcript APPROVED.\n"
-    "Times, dates, elapsed seconds and data rates are masked. --approve writes\n"
+    "Times, dates, elapsed seconds and data rates (in -j results lines, the\n"
+    "numbers of keys ending in _s or _us) are masked. --approve writes\n"
     "the actual results as the new expectations. Exit status: 0 equal,\n"
     "1 different, 2 the case could not be read or run.\n";
 
