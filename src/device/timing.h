@@ -27,8 +27,11 @@ extern bool timing_wanted;
 // The most recent data command's timing; reset when a data command starts.
 extern TransferTiming last_timing;
 
-// ---- depth-1 fill (until the queue-depth engine fills last_timing) ----
+// A monotonic clock in nanoseconds, cheap enough to read twice a record
+// (calibrated by the first timing_begin; CLOCK_MONOTONIC until then).
 int64_t timing_now_ns();
+
+// ---- depth-1 fill (until the queue-depth engine fills last_timing) ----
 // A data command starts: last_timing is emptied and names it.
 void timing_begin(const char* command);
 // One record issued at issued_ns (timing_now_ns) has just completed:
