@@ -49,7 +49,8 @@ public:
     explicit Percentiles(std::vector<uint32_t>& values) : values_(values), from_(values.begin()) {}
     uint32_t at(double fraction) {
         const auto rank = static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(values_.size())));
-        const auto at = values_.begin() + static_cast<std::ptrdiff_t>(std::clamp<std::size_t>(rank, 1, values_.size()) - 1);
+        const std::size_t index = std::clamp<std::size_t>(rank, 1, values_.size()) - 1;
+        const auto at = values_.begin() + static_cast<std::ptrdiff_t>(index);
         std::nth_element(from_, at, values_.end());
         from_ = at;
         return *at;
@@ -113,7 +114,7 @@ void results_run_start() {
     event["script"] = c.input_file_given ? Json(c.batch_input_file) : Json(nullptr);
     event["output"] = c.input_file_given ? Json(c.batch_output_file) : Json(nullptr);
     event["device"] = c.special_file_given ? Json(c.special_file) : Json(nullptr);
-    event["time"] = text != nullptr ? std::string(text, strnlen(text, 64) - 1) : "";
+    event["time"] = text != nullptr ? std::string(text, std::strcspn(text, "\n")) : "";  // as the banner shows it
     event["time_unix_s"] = static_cast<int64_t>(now);
     emit(event);
 }

@@ -60,7 +60,8 @@ void calibrate_ticks() { ticks.calibrated = true; }
 int64_t timing_now_ns() {
 #if defined(__x86_64__)
     if (ticks.usable) {
-        return ticks.base_ns + static_cast<int64_t>(static_cast<double>(__rdtsc() - ticks.base_ticks) * ticks.ns_per_tick);
+        const auto elapsed = static_cast<double>(__rdtsc() - ticks.base_ticks);
+        return ticks.base_ns + static_cast<int64_t>(elapsed * ticks.ns_per_tick);
     }
 #endif
     return monotonic_ns();
