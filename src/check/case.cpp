@@ -257,6 +257,18 @@ void mask_pids(std::string& line) {
     }
 }
 
+// A results file (-j) carries the unit of a measured time or rate in the
+// key's name: the number after a key ending in _s or _us varies by run.
+void mask_result_times(std::string& line) {
+    for (std::string_view unit : {"_s\":", "_us\":"}) {
+        for (size_t at = line.find(unit); at != std::string::npos; at = line.find(unit, at + 1)) {
+            size_t begin = at + unit.size(), end = begin;
+            while (end < line.size() && std::strchr("+-.0123456789e", line[end]) != nullptr) ++end;
+            if (end > begin) line.replace(begin, end - begin, "<t>");
+        }
+    }
+}
+
 // Masks one line of escaped text: only what differs between two runs of
 // the same case. The run's own folders go first, as their names may hold
 // anything the other masks look for.
@@ -274,6 +286,7 @@ void mask_line(std::string& line, const Masks& masks) {
     }
     mask_number(line, "elapsed time in seconds = ", "<elapsed>");
     mask_number(line, "Data rate = ", "<rate>");
+    mask_result_times(line);
     mask_sim_runs(line);
     mask_pids(line);
 }

@@ -26,6 +26,7 @@ struct Options {
     int timeout_seconds = 120;
     Program tarnwick{"tarnwick", "TARNWICK", {}, {}};
     Program vpathsim{"vpathsim", "VPATHSIM", {}, {}};
+    Program plot{"tarnwick-plot", "TARNWICK_PLOT", {}, {}};
     std::string junit;  // --junit FILE
 };
 

@@ -25,12 +25,14 @@ namespace {
 
 const char kUsage[] =
     "usage: tarnwick-check [--approve] [--keep] [--timeout SECONDS] [--junit FILE]\n"
-    "                      [--tarnwick PATH] [--vpathsim PATH] CASE...\n"
+    "                      [--tarnwick PATH] [--vpathsim PATH] [--tarnwick-plot PATH]\n"
+    "                      CASE...\n"
     "       tarnwick-check [--approve] --compare APPROVED ACTUAL\n"
     "Runs each golden case and compares its results with the case's expectations,\n"
     "or compares the transcript ACTUAL with the approved transcript APPROVED.\n"
-    "Times, dates, elapsed seconds, data rates, the case's scratch folder, the\n"
-    "simulator's state folder and process ids are masked.\n"
+    "Times, dates, elapsed seconds, data rates, the measured times of -j results\n"
+    "lines (keys ending in _s or _us), the case's scratch folder, the simulator's\n"
+    "state folder and process ids are masked.\n"
     "  --approve          write the actual results as the new expectations\n"
     "  --keep             keep each case's scratch folder and print its name\n"
     "  --timeout SECONDS  end a run that lasts longer (default 120); it differs\n"
@@ -39,6 +41,8 @@ const char kUsage[] =
     "                     one beside tarnwick-check)\n"
     "  --vpathsim PATH    the vpathsim the cases run (default $VPATHSIM, else the\n"
     "                     one beside tarnwick-check or in its sim/ folder)\n"
+    "  --tarnwick-plot PATH  the tarnwick-plot the cases run (default\n"
+    "                     $TARNWICK_PLOT, else the one beside tarnwick)\n"
     "Exit status: 0 equal, 1 different, 2 a case could not be read or run,\n"
     "128+N ended by signal N.\n";
 
@@ -115,7 +119,9 @@ int check_case(const Options& o, Outcome* out) {
         out->result = kTrouble;
         out->message = "stopped by signal " + std::to_string(caught_signal());
     } else if (!r.missing.empty()) {
-        const Program& p = r.missing[0] == "tarnwick" ? o.tarnwick : o.vpathsim;
+        const Program& p = r.missing[0] == o.tarnwick.name   ? o.tarnwick
+                           : r.missing[0] == o.vpathsim.name ? o.vpathsim
+                                                             : o.plot;
         trouble(out, "the case runs " + p.name + ", and there is none (looked for " + p.looked + "); name it with --" +
                          p.name + " PATH or $" + p.variable);
     } else if (r.timed_out) {
@@ -172,6 +178,7 @@ int main(int argc, char** argv) {
     bool compare = false;
     const char* tarnwick = nullptr;
     const char* vpathsim = nullptr;
+    const char* plot = nullptr;
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
@@ -196,6 +203,8 @@ int main(int argc, char** argv) {
             tarnwick = argv[++i];
         } else if (a == "--vpathsim" && value) {
             vpathsim = argv[++i];
+        } else if (a == "--tarnwick-plot" && value) {
+            plot = argv[++i];
         } else if (a == "--junit" && value) {
             o.junit = argv[++i];
         } else if (a == "--help") {
@@ -216,7 +225,9 @@ int main(int argc, char** argv) {
     // A build tree has the simulator in sim/, an installation beside us.
     std::string here = fs::path(self_path()).parent_path().string();
     if (!find_program(&o.tarnwick, tarnwick, {here + "/tarnwick"}) ||
-        !find_program(&o.vpathsim, vpathsim, {here + "/vpathsim", here + "/sim/vpathsim"}))
+        !find_program(&o.vpathsim, vpathsim, {here + "/vpathsim", here + "/sim/vpathsim"}) ||
+        !find_program(&o.plot, plot,
+                      {fs::path(o.tarnwick.path).parent_path().string() + "/tarnwick-plot", here + "/tarnwick-plot"}))
         return kTrouble;
     handle_ending_signals();
     sweep_stale_scratch();

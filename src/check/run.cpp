@@ -234,7 +234,7 @@ bool make_scratch(const Options& o, Scratch* s, std::string* error) {
     }
     // The run finds exactly the programs under test by their plain names,
     // whatever they are called; one that is missing says so when run.
-    for (const Program* p : {&o.tarnwick, &o.vpathsim}) {
+    for (const Program* p : {&o.tarnwick, &o.vpathsim, &o.plot}) {
         std::string link = s->bin + "/" + p->name;
         bool ok = !p->path.empty()
                       ? symlink(p->path.c_str(), link.c_str()) == 0
@@ -323,7 +323,7 @@ bool run_case(const Case& c, const Options& o, const Scratch& s, RunResult* r, s
     std::string path = s.bin;
     if (const char* old = getenv("PATH")) path += std::string(":") + old;
     l.env = {{"PATH", path}, {"LC_ALL", "C"}};
-    for (const Program* p : {&o.tarnwick, &o.vpathsim}) l.env.emplace_back(p->variable, s.bin + "/" + p->name);
+    for (const Program* p : {&o.tarnwick, &o.vpathsim, &o.plot}) l.env.emplace_back(p->variable, s.bin + "/" + p->name);
 
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) {

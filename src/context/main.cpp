@@ -10,6 +10,7 @@
 
 #include "context/context.h"
 #include "context/output.h"
+#include "context/results.h"
 #include "device/generator.h"
 #include "menu/menu.h"
 #include "script/script.h"
@@ -40,6 +41,7 @@ bool read_command_line(int argc, char** argv) {
         {"-f", c.batch_input_file, &c.input_file_given},
         {"-o", c.batch_output_file, &c.output_file_given},
         {"-d", c.special_file, &c.special_file_given},
+        {"-j", results_file, &results_file_given},
     };
     int position = 1;
     for (;;) {
@@ -76,22 +78,44 @@ bool read_command_line(int argc, char** argv) {
     }
 }
 
+// Whether two names lead to one existing file. A missing file is no clash,
+// and its ENOENT must not be left for the first statement to report as the
+// system's last error.
+bool same_file(const char* one, const char* other) {
+    struct stat a = {};
+    struct stat b = {};
+    const int saved = errno;
+    const bool both = stat(one, &a) == 0 && stat(other, &b) == 0;
+    errno = saved;
+    return both && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // Writing the transcript over the script it runs would destroy the script
 // (and read the banner back as line 1), whatever names lead to the file.
 bool output_is_input() {
     const TestContext& c = test_context;
-    struct stat input = {};
-    struct stat output = {};
-    // A missing file is no clash, and its ENOENT must not be left for the
-    // first statement to report as the system's last error.
-    const int saved = errno;
-    const bool both = stat(c.batch_input_file, &input) == 0 && stat(c.batch_output_file, &output) == 0;
-    errno = saved;
-    if (!both) return false;
-    if (input.st_dev != output.st_dev || input.st_ino != output.st_ino) return false;
+    if (!same_file(c.batch_input_file, c.batch_output_file)) return false;
     fprintf(stderr, "Error, batch output file '%s' is the batch input file '%s' \n", c.batch_output_file,
             c.batch_input_file);
     return true;
+}
+
+// The results file is emptied at start: over the script it would destroy
+// it, and over the transcript the two would be written into each other.
+bool results_clash() {
+    const TestContext& c = test_context;
+    if (c.input_file_given == 1 && same_file(results_file, c.batch_input_file)) {
+        fprintf(stderr, "Error, results file '%s' is the batch input file '%s' \n", results_file,
+                c.batch_input_file);
+        return true;
+    }
+    if (c.input_file_given == 1 && (std::strcmp(results_file, c.batch_output_file) == 0 ||
+                                    same_file(results_file, c.batch_output_file))) {
+        fprintf(stderr, "Error, results file '%s' is the batch output file '%s' \n", results_file,
+                c.batch_output_file);
+        return true;
+    }
+    return false;
 }
 
 // A standard stream closed at start would hand its number to the first
@@ -100,6 +124,12 @@ void keep_standard_streams_open() {
     for (int fd = 0; fd <= 2; ++fd) {
         if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY) == -1) return;
     }
+}
+
+int exit_status() {
+    if (output_lost()) return kExitOutputLost;
+    if (stop_signal != 0) return 128 + stop_signal;
+    return test_context.result_code;
 }
 
 }  // namespace
@@ -113,9 +143,12 @@ int main(int argc, char** argv) {
 
     if (argc > 1 && !read_command_line(argc, argv)) return kResultSyntaxError;
     if (test_context.input_file_given == 1 && output_is_input()) return kResultSyntaxError;
+    if (results_file_given == 1 && results_clash()) return kResultSyntaxError;
 
     print_usage();
+    if (results_file_given == 1 && !results_open()) return kExitOutputLost;
     trace_init();
+    results_run_start();
     if (test_context.input_file_given == 1) {
         batch_test_menu();
     } else {
@@ -123,7 +156,7 @@ int main(int argc, char** argv) {
     }
     trace_close_output();
     ttrace(stdout, "TTRACE: main exit.\n");
-    if (output_lost()) return kExitOutputLost;
-    if (stop_signal != 0) return 128 + stop_signal;
-    return test_context.result_code;
+    results_run_end(exit_status());
+    results_close();
+    return exit_status();
 }

@@ -67,12 +67,7 @@ int open_flags(const char* mode) {
     return (mode[1] == '+' ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
 }
 
-}  // namespace
-
-FILE* open_output(const char* name, const char* mode) {
-    // Commands run by a system statement have no business with these files.
-    int descriptor = open(name, open_flags(mode) | O_CLOEXEC, 0666);
-    if (descriptor == -1) return nullptr;
+FILE* wrap_output(int descriptor, const char* name, const char* mode) {
     auto* file = new OutputFile{descriptor, 0, {}};
     snprintf(file->name, sizeof file->name, "%s", name);
     FILE* stream = fopencookie(file, mode, {read_output, write_output, seek_output, close_file});
@@ -83,6 +78,26 @@ FILE* open_output(const char* name, const char* mode) {
         errno = saved;
     }
     return stream;
+}
+
+}  // namespace
+
+FILE* open_output(const char* name, const char* mode) {
+    // Commands run by a system statement have no business with these files.
+    int descriptor = open(name, open_flags(mode) | O_CLOEXEC, 0666);
+    if (descriptor == -1) return nullptr;
+    return wrap_output(descriptor, name, mode);
+}
+
+FILE* open_output_aside(const char* name, const char* mode) {
+    int descriptor = open(name, open_flags(mode) | O_CLOEXEC, 0666);
+    if (descriptor == -1) return nullptr;
+    const int aside = fcntl(descriptor, F_DUPFD_CLOEXEC, kAsideDescriptor);
+    if (aside != -1) {
+        close(descriptor);
+        descriptor = aside;
+    }
+    return wrap_output(descriptor, name, mode);
 }
 
 bool close_output(FILE* stream) {

@@ -12,6 +12,12 @@ inline constexpr int kExitOutputLost = 2;
 // set) when it cannot be opened.
 FILE* open_output(const char* name, const char* mode);
 
+// As open_output, on a descriptor from kAsideDescriptor up (where the
+// limit allows), so that a file the run writes beside its transcript does
+// not move the descriptor numbers the transcript shows.
+inline constexpr int kAsideDescriptor = 256;
+FILE* open_output_aside(const char* name, const char* mode);
+
 // Flushes and closes a stream of open_output; false when anything written
 // to it was lost (already told on standard error).
 bool close_output(FILE* stream);

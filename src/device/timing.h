@@ -26,3 +26,15 @@ struct TransferTiming {
 extern bool timing_wanted;
 // The most recent data command's timing; reset when a data command starts.
 extern TransferTiming last_timing;
+
+// A monotonic clock in nanoseconds, cheap enough to read twice a record
+// (calibrated by the first timing_begin; CLOCK_MONOTONIC until then).
+int64_t timing_now_ns();
+
+// ---- depth-1 fill (until the queue-depth engine fills last_timing) ----
+// A data command starts: last_timing is emptied and names it.
+void timing_begin(const char* command);
+// One record issued at issued_ns (timing_now_ns) has just completed:
+// bytes moved, or < 0 when it failed.
+void timing_record(int64_t issued_ns, int64_t sector, int32_t bytes);
+// ---- end of the depth-1 fill ----

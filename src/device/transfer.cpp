@@ -10,6 +10,7 @@
 #include "device/variables.h"
 #include "device/generator.h"
 #include "device/progress.h"
+#include "device/timing.h"
 #include "script/script.h"
 
 int64_t last_sector = 0;
@@ -90,6 +91,7 @@ bool record_fits(int64_t size) { return size >= 0 && size <= kBufferBytes; }
 void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome, bool verify) {
     const int64_t size = record_size();
     int64_t records = 1;
+    if (timing_wanted) timing_begin(verify ? "read_verify" : "read");  // depth-1 timing fill
     if (clause.count == 4) records = count_argument(stream, "read", clause, "records");
     if (!record_fits(size)) return;
 
@@ -104,8 +106,10 @@ void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& 
     for (int64_t r = 0; r < records && go_on; ++r) {
         if (stop_requested()) break;
         last_sector = block_seek;
+        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
         int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
                                                  static_cast<uint32_t>(size)));
+        if (timing_wanted) timing_record(issued, block_seek, n);    // depth-1 timing fill
         outcome.return_code = n;
         outcome.data = buffer_identifier();
         if (n < 0) {
@@ -158,6 +162,7 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     int64_t records = 1;
     bool data_given = false;
     int32_t data = 0;
+    if (timing_wanted) timing_begin("write");  // depth-1 timing fill
     if (clause.count > 3) records = count_argument(stream, "write", clause, "records");
     if (clause.count == 7) {
         if (!keyword_matches(clause.token(4), "data")) keyword_error(stream, "write", clause, 4);
@@ -178,8 +183,10 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
         set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
         fill_record_pattern(io_buffer(), block_seek);
         last_sector = block_seek;
+        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
         int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
                                                   static_cast<uint32_t>(size)));
+        if (timing_wanted) timing_record(issued, block_seek, n);     // depth-1 timing fill
         outcome.return_code = n;
         if (n < 0) {
             report_failure(stream, "writing", size, block_seek, buffer_identifier());
@@ -232,6 +239,7 @@ struct RandomRun {
 
 void command_random_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
+    if (timing_wanted) timing_begin("random_read");  // depth-1 timing fill
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
     RandomRun run{stream, outcome, "read", "reading", records, TransferProgress(stream, "random_read", records)};
     for (int64_t r = 0; r < records; ++r) {
@@ -250,8 +258,10 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
             break;
         }
         last_sector = sector;
+        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
         int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
                                                  static_cast<uint32_t>(size)));
+        if (timing_wanted) timing_record(issued, sector, n);         // depth-1 timing fill
         if (!run.book(r, size, sector, n)) break;
     }
     capture_errno(outcome);
@@ -259,6 +269,7 @@ void command_random_read(FILE* stream, const CommandClause& clause, CommandOutco
 
 void command_random_write(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
+    if (timing_wanted) timing_begin("random_write");  // depth-1 timing fill
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
     RandomRun run{stream, outcome, "wrote", "writing", records, TransferProgress(stream, "random_write", records)};
     for (int64_t r = 0; r < records; ++r) {
@@ -275,8 +286,10 @@ void command_random_write(FILE* stream, const CommandClause& clause, CommandOutc
         }
         last_sector = sector;
         set_buffer_identifier(static_cast<int32_t>(sector));
+        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
         int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
                                                   static_cast<uint32_t>(size)));
+        if (timing_wanted) timing_record(issued, sector, n);         // depth-1 timing fill
         if (!run.book(r, size, sector, n)) break;
     }
     capture_errno(outcome);

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "context/context.h"
+#include "context/results.h"
 #include "device/access.h"
 #include "script/errno_table.h"
 #include "script/script.h"
@@ -29,6 +30,9 @@ constexpr FieldRule kFieldRules[] = {
     {"data", Field::data, false, "sector identifier not as expected.\n"},
 };
 
+// The field names the results file uses, in Field's order.
+constexpr const char* kFieldNames[] = {"rc", "errno", "cc", "resid", "data"};
+
 const FieldRule* find_field(std::string_view token) {
     for (const FieldRule& rule : kFieldRules) {
         if (token.substr(0, rule.keyword.size()) == rule.keyword) return &rule;
@@ -43,6 +47,9 @@ struct Reason {
     std::size_t used;
 };
 Reason reason;
+
+// The checks of the current line as judged, for the results file.
+CheckRecords judged;
 
 void remember(const char* text, std::size_t length) {
     const std::size_t kept = std::min(length, sizeof reason.text - 1 - reason.used);
@@ -73,6 +80,7 @@ __attribute__((format(printf, 2, 3))) void report(FILE* stream, const char* form
 }  // namespace
 
 const char* analysis_reason() { return reason.text; }
+const CheckRecords& analysis_checks() { return judged; }
 
 void ps_return_error(FILE* stream, int32_t number, int32_t* error_value, int32_t* residual) {
     ttrace(stream, "TTRACE: ps_return_error entered.\n");
@@ -122,6 +130,8 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
     ttrace(stream, "TTRACE: analyze entered (%s).\n", line);
     reason.used = 0;
     reason.text[0] = '\0';
+    judged.count = 0;
+    judged.seen = outcome;
     report(stream, "analyze return code %d  errno %d (%s) \n    error value %d (%s) residual %d data %d\n",
             return_code, error_number, errno_name(error_number), error_value, errno_name(error_value),
             residual, data);
@@ -133,6 +143,8 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
     }
     if (return_code == -1) {
         ps_return_error(stream, outcome.last_errno, &error_value, &residual);
+        judged.seen.error_value = error_value;
+        judged.seen.residual = residual;
         const char* name = errno_name(error_value);
         report(stream, "analyze return_error cc %d (%s) %s\n", error_value, name, ps_strerror(error_value));
     }
@@ -164,9 +176,21 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
             case Field::residual: actual = residual; break;
             case Field::data: actual = data; break;
         }
-        if (as_expected(actual, line + tokens.start[t + 1], expected) == 0) {
+        const char* relation = line + tokens.start[t + 1];
+        const int verdict = as_expected(actual, relation, expected);
+        if (verdict == 0) {
             report(stream, "%s", rule->failure);
             failed = true;
+        }
+        if (judged.count < kMaxCheckRecords) {
+            CheckRecord& check = judged.checks[judged.count++];
+            check.field = kFieldNames[static_cast<int>(rule->field)];
+            const std::size_t length = std::min<std::size_t>(static_cast<std::size_t>(tokens.length[t + 1]), 2);
+            std::memcpy(check.relation, relation, length);
+            check.relation[length] = '\0';
+            check.expected = expected;
+            check.actual = actual;
+            check.pass = verdict == 1;
         }
     }
     if (!failed) return 1;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "context/context.h"
+#include "context/results.h"
 #include "device/executor.h"
 #include "device/variables.h"
 #include "script/errno_table.h"
@@ -64,7 +65,12 @@ void run_command(const char* line, FILE* stream, const TokenList& tokens, int32_
         first = result_index + 1;
         count = token_count - result_index - 1;
     }
-    analyze(line, stream, tokens, first, count, outcome);
+    const int judged = analyze(line, stream, tokens, first, count, outcome);
+    if (!results_enabled()) return;
+    results_data_command(outcome);
+    if (first > 0) {
+        results_check(line, token_text(line, tokens, command_index + 1), analysis_checks(), judged == 1);
+    }
 }
 
 void list_symbols(FILE* stream) {

@@ -75,6 +75,9 @@ int analyze(const char* line, FILE* stream, const TokenList& tokens, int32_t fir
 // The lines the latest analysis wrote about the outcome and its failed checks,
 // as the transcript holds them; empty before any analysis.
 const char* analysis_reason();
+// The checks the latest analysis judged (context/results.h).
+struct CheckRecords;
+const CheckRecords& analysis_checks();
 // relation points into the statement line at the relation token.
 int as_expected(int32_t actual, const char* relation, int32_t expected);
 const char* symbolic_value(const char* text, int32_t length);

@@ -1,0 +1,41 @@
+#!/bin/sh
+# The stall -j reports is what a failover costs: at depth 16, on a device
+# whose policy keeps to one path (path 0), the path fails with every record
+# in flight on it (1 ms each); each waits the failover delay (200 ms)
+# before its retry, so no record completes for the delay and a service
+# time. stall_us must say so within a tolerance for a busy machine.
+# Skipped (77) where the tool has no records in flight or the simulator no
+# failover delay.   stall.sh TARNWICK VPATHSIM
+set -eu
+tarnwick=$1 vpathsim=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+"$vpathsim" --state "$work/probe" failover-delay 0 1 > /dev/null 2>&1 || exit 77
+printf 'set depth = 2\n' > probe.tw
+"$tarnwick" -f probe.tw -o probe.out > /dev/null 2>&1 || exit 77
+
+cat > one-path.conf << 'EOF2'
+adapter fc0
+adapter fc1
+device policy=3
+path sda adapter=0
+path sdb adapter=1
+EOF2
+cat > stall.tw << 'EOF2'
+command open 0 RW result rc >= 0
+set depth = 16
+system vpathsim latency 0 1000
+system vpathsim failover-delay 0 200
+system vpathsim fail-path 0 0 after 1600 transfers
+command write records = 2400 result rc == 512
+EOF2
+"$vpathsim" run --config one-path.conf -- "$tarnwick" -f stall.tw -o stall.out -j stall.jsonl > /dev/null ||
+    { cat stall.out >&2; exit 1; }
+python3 - << 'EOF2'
+import json, sys
+data = [e for e in map(json.loads, open("stall.jsonl")) if e["event"] == "data"]
+stall = data[0]["stall_us"]
+if not 200000 <= stall <= 300000:
+    sys.exit(f"stall_us {stall}, expected the 200 ms delay and a 1 ms service time, within 100 ms")
+EOF2
