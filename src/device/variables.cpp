@@ -8,7 +8,7 @@
 
 namespace {
 
-enum class Variable { block_seek, block_max, block_count, buffer };
+enum class Variable { block_seek, block_max, block_count, buffer, depth };
 
 struct VariableName {
     std::string_view keyword;
@@ -20,6 +20,7 @@ constexpr VariableName kVariables[] = {
     {"block_max", Variable::block_max},
     {"block_count", Variable::block_count},
     {"buffer", Variable::buffer},
+    {"depth", Variable::depth},
 };
 
 }  // namespace
@@ -92,6 +93,14 @@ int execute_set(const char* line, FILE* stream, const TokenList& tokens, int32_t
                 fprintf(stream, "The blocking factor value cannot be less or equal to 0, set to default 1.\n");
             }
             break;
+        case Variable::depth:
+            if (value >= 1 && value <= 256) {
+                depth = value;
+            } else {
+                depth = 1;
+                fprintf(stream, "The depth should be within 1 to 256, set to default 1.\n");
+            }
+            break;
         case Variable::buffer:
             if (address_in_writable_memory(static_cast<uint64_t>(value), kIoBufferSize)) {
                 fprintf(stream, "The buffer address %lx lies in the tool's own memory, not set.\n",
@@ -120,6 +129,7 @@ void settings() {
     printf("handle=%d  sector size=%ld  blocking factor=%ld  seek block=%ld \n", c.device_handle,
            static_cast<long>(sector_size), static_cast<long>(block_count), static_cast<long>(block_seek));
     printf("sectors on device=%ld \n", static_cast<long>(block_max));
+    if (depth != 1) printf("records in flight=%ld \n", static_cast<long>(depth));
     if (c.buffer_override_armed) printf("buffer address %lx \n", static_cast<unsigned long>(c.buffer_override));
     printf("\n");
     ttrace(stdout, "TTRACE: settings exit.\n");
