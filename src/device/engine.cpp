@@ -4,6 +4,7 @@
 #include "device/engine.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -289,7 +290,13 @@ void ManyInFlight::collect(bool wait) {
         slot.in_flight = false;
         slot.done = true;
         --in_flight_;
-        if (slot.result.value < 0) halted_ = true;
+        if (slot.result.value < 0) {
+            halted_ = true;
+        } else {
+            // Each worker has its errno; a success reports the one this
+            // thread had, as a call made here would have left it.
+            slot.result.error_number = errno;
+        }
     }
 }
 
