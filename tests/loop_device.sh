@@ -5,7 +5,8 @@
 # would hide both); every written sector holds its record, per a reader
 # sharing only glibc's srand/rand with the tool; random_write reaches past the
 # first sectors; on 4096-byte blocks a 512-byte direct write gets EINVAL until
-# device_capacity sets the sector size.   loop_device.sh TARNWICK
+# device_capacity sets the sector size; records past sector 2^32 of a sparse
+# 3 TiB device verify, written and read at depth 16 and 1.   loop_device.sh TARNWICK
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
@@ -72,6 +73,26 @@ grep -qx "sector size = 512, highest LBA = 131071 " sweep.out || fail "capacity 
 grep -qx "block 5 verify failed at byte 100, expected 2, read ff " sweep.out || fail "changed byte not read"
 python3 check.py disk.img 512 1000 >check.out || fail "backing file after the sweep"
 grep -qx "records past the first 1000: 0" check.out && fail "random_write stayed within the first 1000 sectors"
+
+# A 3 TiB sparse device: records past sectors 2^31 and 2^32 written at
+# depth 16 through O_DIRECT verify at depth 1, and the other way round.
+truncate -s 3T huge.img 2>/dev/null || skip "no 3 TiB sparse file here"
+run huge huge.img <<'EOF' || skip "no loop device over a 3 TiB file"
+command open $D RW+DIRECT result rc >= 0
+set depth = 16
+set block_seek = 2147483640
+command write records = 16 result rc == 512
+set depth = 1
+set block_seek = 2147483640
+command read_verify records = 16 result rc == 512 data == -2147483641
+set block_seek = 4294967290
+command write records = 16 result rc == 512
+set depth = 16
+set block_seek = 4294967290
+command read_verify records = 16 result rc == 512 data == 9
+command close result rc == 0
+EOF
+rm -f huge.img
 
 truncate -s 16M disk4k.img
 run big disk4k.img --sector-size 4096 <<'EOF' || skip "losetup cannot set a 4096-byte sector size"
