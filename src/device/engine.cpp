@@ -48,6 +48,7 @@ public:
         last_timing = TransferTiming{};
         last_timing.command = job.command;
         last_timing.depth = job.depth;
+        start_ns_ = now_ns();
     }
     ~TimingLog() {
         if (!on_ || completions_.empty()) return;
@@ -63,12 +64,8 @@ public:
     TimingLog& operator=(const TimingLog&) = delete;
 
     bool on() const { return on_; }
-    int64_t issued() {
-        if (!on_) return 0;
-        const int64_t t = now_ns();
-        if (start_ns_ < 0) start_ns_ = t;
-        return t;
-    }
+    // Safe from any thread.
+    int64_t issued() const { return on_ ? now_ns() : 0; }
     // Called in record order.
     void completed(const EngineRecord& record, const RecordResult& result, int64_t issued_ns, int64_t done_ns) {
         if (!on_) return;
@@ -88,7 +85,7 @@ private:
         return static_cast<uint32_t>(std::clamp<int64_t>(ns / 1000, 0, UINT32_MAX));
     }
     bool on_;
-    int64_t start_ns_ = -1;
+    int64_t start_ns_ = 0;
     std::vector<Completion> completions_;
 };
 
@@ -127,32 +124,39 @@ struct FreeBuffer {
     void operator()(uint8_t* p) const { std::free(p); }
 };
 
-// A record's place while it is prepared, in flight and waiting its turn to
-// complete: its own page-aligned buffer, so direct transfers work.
+// A record's place from its preparation until it completes to the source:
+// its own page-aligned buffer, so direct transfers work.
 struct Slot {
     std::unique_ptr<uint8_t, FreeBuffer> data;
     bool filled = false;  // holds home's bytes past what a written record prepares
     EngineRecord record;
     void* address = nullptr;
-    RecordResult result;  // written by the worker under the lock
+    RecordResult result;
     int64_t issued_ns = 0;
     int64_t done_ns = 0;
-    bool in_flight = false;  // issued, completion not yet collected
-    bool done = false;       // completion collected
+    bool issued = false;  // handed to the workers (under the lock)
+    bool done = false;    // its completion collected by the run
 };
 
+// Up to depth records in flight through as many worker threads. The run
+// prepares records ahead (up to twice the depth) and a worker that finishes
+// one issues the next prepared one itself, so the device never waits for
+// the run's thread to be scheduled: it only wakes to complete records in
+// order and prepare more, every depth/2 completions.
 class ManyInFlight {
 public:
     ManyInFlight(const IoOperations& ops, const EngineJob& job, RecordSource& source, TimingLog& timing)
-        : ops_(ops), job_(job), source_(source), timing_(timing) {
-        const auto wanted = std::clamp<int64_t>(std::min<int64_t>(job.depth, job.records), 1, kMostInFlight);
+        : ops_(ops), job_(job), source_(source), timing_(timing), depth_(std::clamp(job.depth, 1, kMostInFlight)),
+          wake_batch_(std::max(1, depth_ / 2)) {
+        const auto slots = std::clamp<int64_t>(std::min<int64_t>(2 * depth_, job.records), 1, 2 * kMostInFlight);
         const std::size_t bytes = (std::max<std::size_t>(job.record_bytes, 1) + 4095) / 4096 * 4096;
-        slots_.resize(static_cast<std::size_t>(wanted));
+        slots_.resize(static_cast<std::size_t>(slots));
         for (std::size_t k = 0; k < slots_.size(); ++k) {
             slots_[k].data.reset(static_cast<uint8_t*>(std::aligned_alloc(4096, bytes)));
             free_.push_back(static_cast<int>(slots_.size() - 1 - k));
         }
-        for (std::size_t k = 0; k < slots_.size(); ++k) workers_.emplace_back([this] { work(); });
+        const int workers = static_cast<int>(std::min<int64_t>(depth_, slots));
+        for (int k = 0; k < workers; ++k) workers_.emplace_back([this] { work(); });
     }
     ~ManyInFlight() {
         {
@@ -169,32 +173,70 @@ public:
 
 private:
     void work();
-    bool issue_what_can_go();
-    bool overlaps_in_flight(const EngineRecord& record) const;
-    void issue(int k);
-    void collect(bool wait);
+    void prepare_more();
+    bool complete_in_order();
+    bool overlaps_active(const EngineRecord& record) const;
+    void promote();
+    bool run_should_wake() const {
+        return active_.empty() || finished_.size() >= static_cast<std::size_t>(wake_batch_) ||
+               (halted_ && !finished_.empty());
+    }
+    void collect();
 
     const IoOperations& ops_;
     const EngineJob& job_;
     RecordSource& source_;
     TimingLog& timing_;
+    const int depth_;
+    const int wake_batch_;
     std::vector<Slot> slots_;
+    // The run's own (only its thread touches them).
     std::vector<int> free_;
-    std::deque<int> order_;  // issued, not yet completed to the source, in record order
-    int staged_ = -1;        // prepared, waiting for a record in its way
+    std::deque<int> order_;  // prepared, not yet completed to the source, in record order
     int64_t next_index_ = 0;
-    int in_flight_ = 0;
-    bool more_ = true;    // the source may have more records
-    bool halted_ = false; // a record failed: issue nothing more
+    bool more_ = true;   // the source may have more records
+    int quiet_errno_ = errno;
+    bool halted_seen_ = false;  // halted_ and active_.empty() as the last collect() found them
+    bool idle_seen_ = false;
 
+    // Shared with the workers, under mutex_.
     std::mutex mutex_;
     std::condition_variable work_ready_;
     std::condition_variable work_done_;
-    std::deque<int> queue_;     // issued, not yet taken by a worker
-    std::vector<int> finished_; // transferred, not yet collected
+    std::deque<int> ready_;      // prepared, not issued, in record order
+    std::deque<int> queue_;      // issued, not yet taken by a worker
+    std::vector<int> active_;    // issued, not yet transferred
+    std::vector<int> finished_;  // transferred, not yet collected
+    bool halted_ = false;        // a record failed: issue nothing more
+    bool run_waiting_ = false;
     bool quit_ = false;
     std::vector<std::thread> workers_;
 };
+
+bool ManyInFlight::overlaps_active(const EngineRecord& record) const {
+    for (int k : active_) {
+        const EngineRecord& other = slots_[static_cast<std::size_t>(k)].record;
+        if (record.offset < other.offset + other.size && other.offset < record.offset + record.size) return true;
+    }
+    return false;
+}
+
+// Issues prepared records in record order while fewer than depth are in
+// flight and the next shares no byte with one of them (it waits, and the
+// records after it with it). Under the lock.
+void ManyInFlight::promote() {
+    while (!halted_ && !ready_.empty() && active_.size() < static_cast<std::size_t>(depth_)) {
+        const int k = ready_.front();
+        Slot& slot = slots_[static_cast<std::size_t>(k)];
+        if (overlaps_active(slot.record)) return;
+        ready_.pop_front();
+        slot.issued = true;
+        slot.issued_ns = timing_.issued();
+        active_.push_back(k);
+        queue_.push_back(k);
+        work_ready_.notify_one();
+    }
+}
 
 void ManyInFlight::work() {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -203,140 +245,125 @@ void ManyInFlight::work() {
         if (queue_.empty()) return;
         const int k = queue_.front();
         queue_.pop_front();
-        lock.unlock();
         Slot& slot = slots_[static_cast<std::size_t>(k)];
-        const RecordResult result = transfer(ops_, job_, slot.record, slot.address);
+        const EngineRecord record = slot.record;
+        void* const address = slot.address;
+        lock.unlock();
+        // An offset that cannot be formed fails as it is issued, with no call.
+        const RecordResult result = record.refused != 0 ? RecordResult{-1, record.refused, true}
+                                                        : transfer(ops_, job_, record, address);
         const int64_t done = timing_.on() ? now_ns() : 0;
         lock.lock();
         slot.result = result;
         slot.done_ns = done;
+        active_.erase(std::find(active_.begin(), active_.end(), k));
         finished_.push_back(k);
-        work_done_.notify_one();
+        if (result.value < 0) halted_ = true;
+        promote();
+        if (run_waiting_ && run_should_wake()) work_done_.notify_one();
     }
 }
 
-bool ManyInFlight::overlaps_in_flight(const EngineRecord& record) const {
-    for (const Slot& s : slots_) {
-        if (s.in_flight && record.offset < s.record.offset + s.record.size &&
-            s.record.offset < record.offset + record.size) {
-            return true;
+// Fills the free slots with the next records and offers them for issue.
+void ManyInFlight::prepare_more() {
+    std::vector<int> prepared;
+    while (more_ && !free_.empty()) {
+        const int k = free_.back();
+        Slot& slot = slots_[static_cast<std::size_t>(k)];
+        if (job_.direction == Direction::write && !slot.filled) {
+            std::memcpy(slot.data.get(), job_.home, job_.record_bytes);
+            slot.filled = true;
         }
-    }
-    return false;
-}
-
-void ManyInFlight::issue(int k) {
-    Slot& slot = slots_[static_cast<std::size_t>(k)];
-    order_.push_back(k);
-    slot.issued_ns = timing_.issued();
-    if (slot.record.refused != 0) {
-        slot.result = {-1, slot.record.refused, true};
-        slot.done_ns = slot.issued_ns;
-        slot.done = true;
-        halted_ = true;
-        return;
-    }
-    slot.address = source_.transfer_address(slot.data.get());
-    slot.in_flight = true;
-    ++in_flight_;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queue_.push_back(k);
-    }
-    work_ready_.notify_one();
-}
-
-// Prepares and issues records while slots are free and nothing is in the
-// way; false when the next one waits.
-bool ManyInFlight::issue_what_can_go() {
-    while (!halted_ && more_) {
-        if (staged_ < 0) {
-            if (free_.empty()) return false;
-            const int k = free_.back();
-            Slot& slot = slots_[static_cast<std::size_t>(k)];
-            if (job_.direction == Direction::write && !slot.filled) {
-                std::memcpy(slot.data.get(), job_.home, job_.record_bytes);
-                slot.filled = true;
-            }
-            slot.record = EngineRecord{};
-            slot.record.index = next_index_;
-            slot.done = false;
-            if (!source_.next(slot.record, slot.data.get())) {
-                more_ = false;
-                return false;
-            }
-            free_.pop_back();
-            ++next_index_;
-            staged_ = k;
+        slot.record = EngineRecord{};
+        slot.record.index = next_index_;
+        if (!source_.next(slot.record, slot.data.get())) {
+            more_ = false;
+            break;
         }
-        if (overlaps_in_flight(slots_[static_cast<std::size_t>(staged_)].record)) return false;
-        issue(staged_);
-        staged_ = -1;
+        free_.pop_back();
+        ++next_index_;
+        slot.address = source_.transfer_address(slot.data.get());
+        slot.issued = false;
+        slot.done = false;
+        order_.push_back(k);
+        prepared.push_back(k);
     }
-    return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    ready_.insert(ready_.end(), prepared.begin(), prepared.end());
+    promote();
 }
 
-// Takes the completions the workers have posted; with wait, waits for one
-// when none is there.
-void ManyInFlight::collect(bool wait) {
+// Completes the records done at the front of the order; false when the
+// source stopped the run.
+bool ManyInFlight::complete_in_order() {
+    while (!order_.empty() && slots_[static_cast<std::size_t>(order_.front())].done) {
+        const int k = order_.front();
+        Slot& slot = slots_[static_cast<std::size_t>(k)];
+        order_.pop_front();
+        // The home buffer becomes what one record in flight leaves there:
+        // the data read, or the record as written (its prepared bytes; the
+        // rest was copied from home).
+        if (job_.direction == Direction::read) {
+            if (slot.result.value > 0 && slot.address == slot.data.get()) {
+                std::memcpy(job_.home, slot.data.get(), static_cast<std::size_t>(slot.result.value));
+            }
+        } else {
+            std::memcpy(job_.home, slot.data.get(), std::min(job_.prepared_bytes, slot.record.size));
+        }
+        timing_.completed(slot.record, slot.result, slot.issued_ns, slot.done_ns);
+        free_.push_back(k);
+        if (!source_.complete(slot.record, slot.result)) return false;
+    }
+    return true;
+}
+
+// Waits until there is something to complete (or nothing in flight), then
+// takes the completions the workers have posted.
+void ManyInFlight::collect() {
     std::vector<int> done;
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (wait) work_done_.wait(lock, [this] { return !finished_.empty(); });
+        run_waiting_ = true;
+        work_done_.wait(lock, [this] { return run_should_wake(); });
+        run_waiting_ = false;
         done.swap(finished_);
+        halted_seen_ = halted_;
+        idle_seen_ = active_.empty();
     }
     for (int k : done) {
         Slot& slot = slots_[static_cast<std::size_t>(k)];
-        slot.in_flight = false;
         slot.done = true;
-        --in_flight_;
-        if (slot.result.value < 0) {
-            halted_ = true;
-        } else {
-            // Each worker has its errno; a success reports the one this
-            // thread had, as a call made here would have left it.
-            slot.result.error_number = errno;
-        }
+        // Each worker has its errno; a success reports the one this thread
+        // had, as a call made here would have left it.
+        if (slot.result.value >= 0) slot.result.error_number = quiet_errno_;
     }
 }
 
 std::vector<Outstanding> ManyInFlight::run() {
-    bool stopped = false;
     for (;;) {
-        issue_what_can_go();
-        bool booked = false;
-        while (!order_.empty() && slots_[static_cast<std::size_t>(order_.front())].done) {
-            const int k = order_.front();
-            order_.pop_front();
-            Slot& slot = slots_[static_cast<std::size_t>(k)];
-            // The home buffer becomes what one record in flight leaves there:
-            // the data read, or the record as written (its prepared bytes;
-            // the rest was copied from home).
-            if (job_.direction == Direction::read) {
-                if (slot.result.value > 0 && slot.address == slot.data.get()) {
-                    std::memcpy(job_.home, slot.data.get(), static_cast<std::size_t>(slot.result.value));
-                }
-            } else {
-                std::memcpy(job_.home, slot.data.get(), std::min(job_.prepared_bytes, slot.record.size));
-            }
-            timing_.completed(slot.record, slot.result, slot.issued_ns, slot.done_ns);
-            free_.push_back(k);
-            booked = true;
-            if (!source_.complete(slot.record, slot.result)) {
-                stopped = true;
-                halted_ = true;
-                break;
-            }
+        if (!halted_seen_) prepare_more();
+        if (!complete_in_order()) break;
+        if (order_.empty() && !more_) break;
+        // After a failure nothing is issued: once all that was has
+        // finished, what is left was never issued.
+        if (halted_seen_ && idle_seen_ &&
+            (order_.empty() || !slots_[static_cast<std::size_t>(order_.front())].done)) {
+            break;
         }
-        if (stopped || (order_.empty() && (halted_ || (!more_ && staged_ < 0)))) break;
-        // A slot set free goes straight to the next record; only with
-        // nothing to issue or complete is there a transfer to wait for.
-        if (!booked && in_flight_ > 0) collect(true);
+        if (!halted_seen_ && more_ && !free_.empty()) continue;
+        collect();
     }
-    while (in_flight_ > 0) collect(true);
+    // Nothing more is issued; what is in flight runs to its end.
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        halted_ = true;
+        ready_.clear();
+    }
+    while (!idle_seen_) collect();
     std::vector<Outstanding> outstanding;
     for (int k : order_) {
         const Slot& slot = slots_[static_cast<std::size_t>(k)];
+        if (!slot.issued) continue;  // prepared, never issued
         timing_.completed(slot.record, slot.result, slot.issued_ns, slot.done_ns);
         outstanding.push_back({slot.record, slot.result});
     }
