@@ -176,7 +176,7 @@ private:
     void prepare_more();
     bool complete_in_order();
     bool overlaps_active(const EngineRecord& record) const;
-    void promote();
+    void promote(bool by_worker);
     bool run_should_wake() const {
         return active_.empty() || finished_.size() >= static_cast<std::size_t>(wake_batch_) ||
                (halted_ && !finished_.empty());
@@ -223,18 +223,20 @@ bool ManyInFlight::overlaps_active(const EngineRecord& record) const {
 
 // Issues prepared records in record order while fewer than depth are in
 // flight and the next shares no byte with one of them (it waits, and the
-// records after it with it). Under the lock.
-void ManyInFlight::promote() {
+// records after it with it). Under the lock. A worker that calls it takes
+// the first record issued itself, so only the others wake a worker.
+void ManyInFlight::promote(bool by_worker) {
+    int issued = 0;
     while (!halted_ && !ready_.empty() && active_.size() < static_cast<std::size_t>(depth_)) {
         const int k = ready_.front();
         Slot& slot = slots_[static_cast<std::size_t>(k)];
-        if (overlaps_active(slot.record)) return;
+        if (overlaps_active(slot.record)) break;
         ready_.pop_front();
         slot.issued = true;
         slot.issued_ns = timing_.issued();
         active_.push_back(k);
         queue_.push_back(k);
-        work_ready_.notify_one();
+        if (++issued > 1 || !by_worker) work_ready_.notify_one();
     }
 }
 
@@ -259,7 +261,7 @@ void ManyInFlight::work() {
         active_.erase(std::find(active_.begin(), active_.end(), k));
         finished_.push_back(k);
         if (result.value < 0) halted_ = true;
-        promote();
+        promote(true);
         if (run_waiting_ && run_should_wake()) work_done_.notify_one();
     }
 }
@@ -290,7 +292,7 @@ void ManyInFlight::prepare_more() {
     }
     std::lock_guard<std::mutex> lock(mutex_);
     ready_.insert(ready_.end(), prepared.begin(), prepared.end());
-    promote();
+    promote(false);
 }
 
 // Completes the records done at the front of the order; false when the
