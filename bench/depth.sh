@@ -5,7 +5,8 @@
 # whole device at depth 1, 4, 16 and 32, against fio with the same block
 # size and depth on the same device in the same run: ioengine=io_uring with
 # iodepth=N, and ioengine=psync with numjobs=N (each job its own slice).
-# Records/s; each figure the best of REPEAT runs (default 3), tool and fio
+# Records/s (the tool's less a run that only opens and closes the device,
+# as fio's figure leaves out its start); each figure the best of REPEAT runs (default 3), tool and fio
 # alternating, so that a busy machine penalises both alike.
 # Usage: [REPEAT=n] [DEPTHS="1 4 16 32"] [DIR=folder-on-disk] bench/depth.sh [size-in-MiB]   (default 256)
 set -euo pipefail
@@ -32,6 +33,17 @@ loop=$(losetup --direct-io=on -f --show backing.img)
 now() { date +%s.%N; }
 best() { echo "if ($1 > $2) $1 else $2" | bc -l; }
 
+# A run of the tool without the transfer: start-up, open and close, which
+# fio's own figure leaves out too.
+empty_run() {
+    printf 'command open %s RW+DIRECT\ncommand close\n' "$loop" > e.tw
+    local t0 t1
+    t0=$(now)
+    "$tool" -f e.tw -o e.out > /dev/null
+    t1=$(now)
+    echo "$t1 - $t0" | bc -l
+}
+
 tool_run() { # command depth -> records/s
     {
         echo "command open $loop RW+DIRECT result rc >= 0"
@@ -40,12 +52,13 @@ tool_run() { # command depth -> records/s
         echo "command $1 records = $records result rc == 4096"
         echo "command close result rc == 0"
     } > t.tw
-    local t0 t1
+    local t0 t1 e
+    e=$(empty_run)
     t0=$(now)
     "$tool" -f t.tw -o t.out > /dev/null
     t1=$(now)
     grep -q 'rc=0 ' t.out || { echo "tool $1 failed:" >&2; tail -5 t.out >&2; exit 1; }
-    echo "$records / ($t1 - $t0)" | bc -l
+    echo "$records / ($t1 - $t0 - $e)" | bc -l
 }
 
 fio_run() { # rw engine depth -> records/s

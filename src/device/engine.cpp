@@ -32,6 +32,19 @@ AccessResult<int32_t> write_at(FILE*, int descriptor, const void* buffer, uint32
 }
 AccessResult<int64_t> no_position(FILE*, int, int64_t offset) { return {offset, 0}; }
 
+// How records reach the device, one way of doing I/O a row. The transfers
+// of a threaded way are called from several threads at once and never trace.
+struct IoOperations {
+    AccessResult<int64_t> (*position)(FILE* stream, int descriptor, int64_t offset);
+    AccessResult<int32_t> (*read)(FILE* stream, int descriptor, void* buffer, uint32_t length, int64_t offset);
+    AccessResult<int32_t> (*write)(FILE* stream, int descriptor, const void* buffer, uint32_t length, int64_t offset);
+    bool threaded;
+};
+// One record at a time, where the descriptor stands: lseek, read, write.
+constexpr IoOperations kOneInFlight{ps_lseek, read_here, write_here, false};
+// Many, each at its offset from a worker thread: pread, pwrite.
+constexpr IoOperations kManyInFlight{no_position, read_at, write_at, true};
+
 int64_t now_ns() {
     timespec t{};
     clock_gettime(CLOCK_MONOTONIC, &t);
@@ -148,7 +161,8 @@ public:
     ManyInFlight(const IoOperations& ops, const EngineJob& job, RecordSource& source, TimingLog& timing)
         : ops_(ops), job_(job), source_(source), timing_(timing), depth_(std::clamp(job.depth, 1, kMostInFlight)),
           wake_batch_(std::max(1, depth_ / 2)) {
-        const auto slots = std::clamp<int64_t>(std::min<int64_t>(2 * depth_, job.records), 1, 2 * kMostInFlight);
+        const int64_t ahead = int64_t{2} * depth_;  // prepared records, issued or not
+        const auto slots = std::clamp<int64_t>(std::min(ahead, job.records), 1, ahead);
         const std::size_t bytes = (std::max<std::size_t>(job.record_bytes, 1) + 4095) / 4096 * 4096;
         slots_.resize(static_cast<std::size_t>(slots));
         for (std::size_t k = 0; k < slots_.size(); ++k) {
@@ -374,11 +388,8 @@ std::vector<Outstanding> ManyInFlight::run() {
 
 }  // namespace
 
-const IoOperations kOneInFlight{ps_lseek, read_here, write_here, false};
-const IoOperations kManyInFlight{no_position, read_at, write_at, true};
-
-std::vector<Outstanding> run_records(const EngineJob& job, RecordSource& source, const IoOperations* operations) {
-    const IoOperations& ops = operations != nullptr ? *operations : job.depth > 1 ? kManyInFlight : kOneInFlight;
+std::vector<Outstanding> run_records(const EngineJob& job, RecordSource& source) {
+    const IoOperations& ops = job.depth > 1 ? kManyInFlight : kOneInFlight;
     TimingLog timing(job);
     if (!ops.threaded) {
         run_one_by_one(ops, job, source, timing);

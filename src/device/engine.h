@@ -68,26 +68,14 @@ struct Outstanding {
     RecordResult result;
 };
 
-// How records reach the device: with one in flight the transfers follow the
-// descriptor's position (lseek, then read or write), exactly as a plain
-// sequential program makes them; with several, each names its offset
-// (pread, pwrite) from a worker thread. The transfers of a threaded way are
-// called from several threads at once and never trace.
-struct IoOperations {
-    AccessResult<int64_t> (*position)(FILE* stream, int descriptor, int64_t offset);
-    AccessResult<int32_t> (*read)(FILE* stream, int descriptor, void* buffer, uint32_t length, int64_t offset);
-    AccessResult<int32_t> (*write)(FILE* stream, int descriptor, const void* buffer, uint32_t length, int64_t offset);
-    bool threaded;
-};
-extern const IoOperations kOneInFlight;
-extern const IoOperations kManyInFlight;
-
 // Runs the job's records: issued in record order, never two in flight that
 // share a byte of the device (a record that would waits for the one in its
-// way), completed in record order. After the first failure (a failed
-// transfer, or complete() returning false) nothing more is issued and what
-// is in flight runs to its end; those records after the one that stopped
-// the run are returned, in record order. With operations null the depth
-// chooses the way.
-std::vector<Outstanding> run_records(const EngineJob& job, RecordSource& source,
-                                     const IoOperations* operations = nullptr);
+// way, and the records after it with it), completed in record order. With
+// one in flight the transfers follow the descriptor's position (lseek where
+// a record asks for it, then read or write), exactly as a plain sequential
+// program makes them; with more, each names its offset (pread, pwrite) from
+// a worker thread. After the first failure (a failed transfer, or
+// complete() returning false) nothing more is issued and what is in flight
+// runs to its end; the records issued after the one that stopped the run
+// are returned, in record order.
+std::vector<Outstanding> run_records(const EngineJob& job, RecordSource& source);
