@@ -129,7 +129,6 @@ void settings() {
     printf("handle=%d  sector size=%ld  blocking factor=%ld  seek block=%ld \n", c.device_handle,
            static_cast<long>(sector_size), static_cast<long>(block_count), static_cast<long>(block_seek));
     printf("sectors on device=%ld \n", static_cast<long>(block_max));
-    if (depth != 1) printf("records in flight=%ld \n", static_cast<long>(depth));
     if (c.buffer_override_armed) printf("buffer address %lx \n", static_cast<unsigned long>(c.buffer_override));
     printf("\n");
     ttrace(stdout, "TTRACE: settings exit.\n");
