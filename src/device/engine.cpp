@@ -152,18 +152,21 @@ struct Slot {
 };
 
 // Up to depth records in flight through as many worker threads. The run
-// prepares records ahead (up to twice the depth) and a worker that finishes
-// one issues the next prepared one itself, so the device never waits for
-// the run's thread to be scheduled: it only wakes to complete records in
-// order and prepare more, every depth/2 completions.
+// prepares records ahead (up to four times the depth) and a worker that
+// finishes one issues the next prepared one itself, so the device never
+// waits for the run's thread to be scheduled: it only wakes to complete
+// records in order and prepare more, every depth/4 completions.
 class ManyInFlight {
 public:
     ManyInFlight(const IoOperations& ops, const EngineJob& job, RecordSource& source, TimingLog& timing)
-        : ops_(ops), job_(job), source_(source), timing_(timing), depth_(std::clamp(job.depth, 1, kMostInFlight)),
-          wake_batch_(std::max(1, depth_ / 2)) {
-        const int64_t ahead = int64_t{2} * depth_;  // prepared records, issued or not
-        const auto slots = std::clamp<int64_t>(std::min(ahead, job.records), 1, ahead);
+        : ops_(ops), job_(job), source_(source), timing_(timing), depth_(std::clamp(job.depth, 1, kMostInFlight)) {
+        // Prepared records, issued or not: four times the depth, as far as
+        // 64 MiB of buffers allow, and one more than the depth at least.
         const std::size_t bytes = (std::max<std::size_t>(job.record_bytes, 1) + 4095) / 4096 * 4096;
+        const auto fit = static_cast<int64_t>((std::size_t{64} << 20) / bytes);
+        const int64_t ahead = std::clamp<int64_t>(fit, depth_ + 1, int64_t{4} * depth_);
+        const auto slots = std::clamp<int64_t>(job.records, 1, ahead);
+        wake_batch_ = static_cast<int>(std::clamp<int64_t>((ahead - depth_) / 2, 1, std::max(1, depth_ / 4)));
         slots_.resize(static_cast<std::size_t>(slots));
         for (std::size_t k = 0; k < slots_.size(); ++k) {
             slots_[k].data.reset(static_cast<uint8_t*>(std::aligned_alloc(4096, bytes)));
@@ -202,7 +205,7 @@ private:
     RecordSource& source_;
     TimingLog& timing_;
     const int depth_;
-    const int wake_batch_;
+    int wake_batch_ = 1;  // completions that wake the run's thread
     std::vector<Slot> slots_;
     // The run's own (only its thread touches them).
     std::vector<int> free_;
