@@ -44,8 +44,9 @@ public:
     // own, or another one the command was told to use.
     virtual void* transfer_address(void* own) { return own; }
     // A record done, in record order; the home buffer already holds it as
-    // a single record in flight would have left it. False stops the run:
-    // nothing more is issued.
+    // a single record in flight would have left it. False stops the run
+    // (the record failed, or the command must end early): nothing more is
+    // issued.
     virtual bool complete(const EngineRecord& record, const RecordResult& result) = 0;
 };
 

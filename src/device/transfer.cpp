@@ -205,7 +205,7 @@ public:
         if (!transferred(record, result, "reading")) return false;
         if (record.index == 0) report_record(stream_, "read", size_, block_seek, outcome_.data);
         advance_block_seek();
-        if (!verify_) return true;
+        if (!verify_) return !stop_requested();
         // A record holds the low 32 bits of its sector (and its pattern is
         // seeded with them): past 2^31 sectors that is all there is to
         // compare, and comparing the whole number would fail every record
@@ -225,7 +225,7 @@ public:
             return false;
         }
         ++expected_sector_;
-        return true;
+        return !stop_requested();
     }
 
 private:
@@ -249,7 +249,7 @@ public:
         if (!transferred(record, result, "writing")) return false;
         if (record.index == 0) report_record(stream_, "wrote", size_, block_seek, buffer_identifier());
         advance_block_seek();
-        return true;
+        return !stop_requested();
     }
 
 private:
@@ -339,7 +339,8 @@ protected:
 
     // Books record r of size bytes at sector, which moved n bytes or failed
     // (-1, its seek or its transfer): the outcome, and the failure line or,
-    // for the first and the last record, the record line. False on failure.
+    // for the first and the last record, the record line. False on failure,
+    // or when a signal asks the run to stop.
     bool book(int64_t r, int64_t size, int64_t sector, const RecordResult& result) {
         outcome_.last_errno = result.error_number;
         outcome_.return_code = result.value;
@@ -351,7 +352,7 @@ protected:
         test_context.bytes_transferred += result.value;
         progress_.record(r + 1);
         if (r == 0 || r == records_ - 1) report_record(stream_, done_, size, sector, outcome_.data);
-        return true;
+        return !stop_requested();
     }
 
     FILE* stream_;
