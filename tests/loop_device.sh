@@ -6,7 +6,9 @@
 # sharing only glibc's srand/rand with the tool; random_write reaches past the
 # first sectors; on 4096-byte blocks a 512-byte direct write gets EINVAL until
 # device_capacity sets the sector size; each of the eight direct or
-# synchronous open modes reaches the kernel with its flags.   loop_device.sh TARNWICK
+# synchronous open modes reaches the kernel with its flags; records past
+# sector 2^32 of a sparse 3 TiB device verify, written and read at depth 16
+# and 1.   loop_device.sh TARNWICK
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
@@ -103,6 +105,24 @@ done
 wait
 losetup -d "$loop" || fail "losetup -d $loop"
 loop=""
+
+# Past sectors 2^31 and 2^32 of a sparse 3 TiB device, written at depth 16
+# through O_DIRECT, read back at depth 1.
+truncate -s 3T huge.img 2>/dev/null || skip "no 3 TiB sparse file here"
+run huge huge.img <<'EOF' || skip "no loop device over a 3 TiB file"
+command open $D RW+DIRECT result rc >= 0
+set depth = 16
+set block_seek = 4294967290
+command write records = 16 result rc == 512
+set block_seek = 2147483640
+command write records = 16 result rc == 512
+set depth = 1
+set block_seek = 2147483640
+command read_verify records = 16 result rc == 512 data == -2147483641
+set block_seek = 4294967290
+command read_verify records = 16 result rc == 512 data == 9
+EOF
+rm -f huge.img
 
 truncate -s 16M disk4k.img
 run big disk4k.img --sector-size 4096 <<'EOF' || skip "losetup cannot set a 4096-byte sector size"

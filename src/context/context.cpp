@@ -14,6 +14,7 @@ int64_t sector_size = 512;
 int64_t block_count = 1;
 int64_t block_seek = 0;
 int64_t block_max = 1000;
+int64_t depth = 1;
 
 volatile sig_atomic_t stop_signal = 0;
 
@@ -96,6 +97,7 @@ void reset_test_context() {
     block_count = 1;
     block_seek = 0;
     block_max = 1000;
+    depth = 1;
     std::strcpy(c.batch_input_file, "tarnwick.in");
     c.device_handle = -1;
     c.buffer_override_armed = 0;

@@ -52,6 +52,8 @@ extern int64_t sector_size;
 extern int64_t block_count;
 extern int64_t block_seek;
 extern int64_t block_max;
+// Records a data command keeps in flight at most, 1 to 256 (set depth).
+extern int64_t depth;
 
 // Result codes.
 inline constexpr int32_t kResultOk = 0;

@@ -101,6 +101,14 @@ AccessResult<int32_t> ps_write(FILE* stream, int descriptor, const void* buffer,
     return result;
 }
 
+AccessResult<int32_t> ps_pread(int descriptor, void* buffer, uint32_t length, int64_t offset) {
+    return result_of(static_cast<int32_t>(pread(descriptor, buffer, length, offset)));
+}
+
+AccessResult<int32_t> ps_pwrite(int descriptor, const void* buffer, uint32_t length, int64_t offset) {
+    return result_of(static_cast<int32_t>(pwrite(descriptor, buffer, length, offset)));
+}
+
 AccessResult<int64_t> ps_lseek(FILE* stream, int descriptor, int64_t offset) {
     ttrace(stream, "TTRACE: ps_lseek entered. \n");
     const auto result = result_of(static_cast<int64_t>(lseek(descriptor, offset, SEEK_SET)));

@@ -23,6 +23,10 @@ AccessResult<int> ps_open(const char* path, int32_t flags, int32_t mode);
 AccessResult<int> ps_close(int descriptor);
 AccessResult<int32_t> ps_read(FILE* stream, int descriptor, void* buffer, uint32_t length);
 AccessResult<int32_t> ps_write(FILE* stream, int descriptor, const void* buffer, uint32_t length);
+// Positional transfers, safe from several threads at once: they leave the
+// descriptor's position alone and print nothing, not even with -t.
+AccessResult<int32_t> ps_pread(int descriptor, void* buffer, uint32_t length, int64_t offset);
+AccessResult<int32_t> ps_pwrite(int descriptor, const void* buffer, uint32_t length, int64_t offset);
 AccessResult<int64_t> ps_lseek(FILE* stream, int descriptor, int64_t offset);
 // Succeeds with 0 whatever non-failure value the driver returned.
 AccessResult<int> ps_ddioctl(FILE* stream, int descriptor, uint32_t request, void* record, int64_t length);

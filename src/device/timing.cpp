@@ -67,38 +67,6 @@ int64_t timing_now_ns() {
     return monotonic_ns();
 }
 
-// ---- depth-1 fill: the data commands' own loops call these until the
-// queue-depth engine keeps last_timing itself (then these go) ----
-
-namespace {
-int64_t first_issue_ns = 0;
-}
-
-// The vectors keep their memory from one command to the next: a long run
-// of commands then takes no fresh pages for them.
-void timing_begin(const char* command) {
+void timing_start_clock() {
     if (!ticks.calibrated) calibrate_ticks();
-    TransferTiming& t = last_timing;
-    t.command = command;
-    t.depth = 1;
-    t.records = t.bytes = t.first_sector = 0;
-    t.elapsed_s = 0;
-    t.latency_us.clear();
-    t.completed_at_us.clear();
-    t.completed_sector.clear();
 }
-
-void timing_record(int64_t issued_ns, int64_t sector, int32_t bytes) {
-    const int64_t done_ns = timing_now_ns();
-    TransferTiming& t = last_timing;
-    if (t.records++ == 0) {
-        first_issue_ns = issued_ns;
-        t.first_sector = sector;
-    }
-    if (bytes > 0) t.bytes += bytes;
-    t.latency_us.push_back(static_cast<uint32_t>((done_ns - issued_ns) / 1000));
-    t.completed_at_us.push_back(static_cast<uint32_t>((done_ns - first_issue_ns) / 1000));
-    t.completed_sector.push_back(sector);
-    t.elapsed_s = static_cast<double>(done_ns - first_issue_ns) / 1e9;
-}
-// ---- end of the depth-1 fill ----

@@ -28,13 +28,8 @@ extern bool timing_wanted;
 extern TransferTiming last_timing;
 
 // A monotonic clock in nanoseconds, cheap enough to read twice a record
-// (calibrated by the first timing_begin; CLOCK_MONOTONIC until then).
+// from any thread once timing_start_clock has run (CLOCK_MONOTONIC before).
 int64_t timing_now_ns();
-
-// ---- depth-1 fill (until the queue-depth engine fills last_timing) ----
-// A data command starts: last_timing is emptied and names it.
-void timing_begin(const char* command);
-// One record issued at issued_ns (timing_now_ns) has just completed:
-// bytes moved, or < 0 when it failed.
-void timing_record(int64_t issued_ns, int64_t sector, int32_t bytes);
-// ---- end of the depth-1 fill ----
+// Chooses and calibrates the clock; call from one thread before the first
+// data command whose timing is wanted. Later calls do nothing.
+void timing_start_clock();

@@ -1,5 +1,7 @@
 // Sequential and random data transfer between the device and io_buffer,
-// the capacity query and the sector display.
+// the capacity query and the sector display. The records move through the
+// I/O engine (device/engine.h); what each one is, and what its completion
+// prints, is decided here, in record order, whatever the depth.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +9,7 @@
 #include "context/context.h"
 #include "device/data_commands.h"
 #include "device/access.h"
+#include "device/engine.h"
 #include "device/variables.h"
 #include "device/generator.h"
 #include "device/progress.h"
@@ -21,15 +24,14 @@ constexpr auto kBufferBytes = static_cast<int64_t>(kIoBufferSize);
 
 uint8_t* io_buffer() { return test_context.io_buffer; }
 
-int32_t buffer_identifier() {
-    const uint8_t* b = io_buffer();
+int32_t record_identifier(const uint8_t* b) {
     return static_cast<int32_t>(static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
                                 static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24);
 }
+int32_t buffer_identifier() { return record_identifier(io_buffer()); }
 
-void set_buffer_identifier(int32_t value) {
+void set_record_identifier(uint8_t* b, int32_t value) {
     auto v = static_cast<uint32_t>(value);
-    uint8_t* b = io_buffer();
     b[0] = static_cast<uint8_t>(v);
     b[1] = static_cast<uint8_t>(v >> 8);
     b[2] = static_cast<uint8_t>(v >> 16);
@@ -55,6 +57,21 @@ void report_failure(FILE* stream, const char* failing, int64_t size, int64_t sec
             static_cast<long>(sector), data);
 }
 
+// After a failed record, one line for each record that was in flight with
+// it and issued after it: what a tester needs to know of the requests that
+// were outstanding when the path died.
+void report_in_flight(FILE* stream, const std::vector<Outstanding>& outstanding) {
+    for (const Outstanding& o : outstanding) {
+        fprintf(stream, "in flight: %ld bytes, sector = %ld, ", static_cast<long>(o.record.size),
+                static_cast<long>(o.record.sector));
+        if (o.result.value < 0) {
+            fprintf(stream, "failed, errno = %d \n", o.result.error_number);
+        } else {
+            fprintf(stream, "completed \n");
+        }
+    }
+}
+
 // The byte offset of a sector, for values a script may set to anything: an
 // offset beyond 64 bits fails as a seek would, never wrapping onto some
 // other sector. False when the seek failed.
@@ -66,6 +83,25 @@ bool seek_to_sector(FILE* stream, int64_t sector, CommandOutcome& outcome) {
     return note_result(outcome, sought) != -1;
 }
 void advance_block_seek() { block_seek = static_cast<int64_t>(static_cast<uint64_t>(block_seek) + 1); }
+
+// Record r of a run that starts at sector first with records of size bytes.
+void place_sequential(EngineRecord& record, int64_t first, int64_t size) {
+    record.sector = static_cast<int64_t>(static_cast<uint64_t>(first) + static_cast<uint64_t>(record.index));
+    record.size = static_cast<uint32_t>(size);
+    int64_t start = 0;
+    int64_t into = 0;
+    if (!checked_product(first, sector_size, start) || !checked_product(record.index, size, into) ||
+        __builtin_add_overflow(start, into, &record.offset)) {
+        record.refused = EOVERFLOW;
+    }
+}
+
+void place_random(EngineRecord& record, int64_t sector, int64_t size) {
+    record.sector = sector;
+    record.size = static_cast<uint32_t>(size);
+    record.position = true;
+    if (!checked_product(sector, sector_size, record.offset)) record.refused = EOVERFLOW;
+}
 
 void keyword_error(FILE* stream, const char* command, const CommandClause& clause, int32_t i) {
     fprintf(stream, "%s, invalid statement at (%s) ", command, clause.rest(i));
@@ -88,62 +124,156 @@ void capture_errno(CommandOutcome& outcome) {
 // may then move more than io_buffer holds, so none is made at all.
 bool record_fits(int64_t size) { return size >= 0 && size <= kBufferBytes; }
 
+// A command that ends before its first record leaves no earlier command's
+// timing behind.
+void forget_timing(const char* command) {
+    if (!timing_wanted) return;
+    last_timing = TransferTiming{};
+    last_timing.command = command;
+    last_timing.depth = static_cast<int>(depth);
+}
+
+EngineJob job_for(const char* command, FILE* stream, Direction direction, int64_t records, int64_t record_bytes) {
+    EngineJob job;
+    job.command = command;
+    job.stream = stream;
+    job.descriptor = test_context.device_handle;
+    job.direction = direction;
+    job.depth = static_cast<int>(std::clamp<int64_t>(depth, 1, 256));
+    job.records = std::max<int64_t>(records, 0);
+    job.home = io_buffer();
+    job.record_bytes = static_cast<uint32_t>(std::clamp<int64_t>(record_bytes, 0, kBufferBytes));
+    job.prepared_bytes = kPatternEnd;
+    return job;
+}
+
+// What the sequential commands share: records back to back from the
+// starting sector, the command's outcome, the last record that succeeded.
+class SequentialRun : public RecordSource {
+public:
+    SequentialRun(FILE* stream, CommandOutcome& outcome, const char* command, int64_t records, int64_t size)
+        : stream_(stream), outcome_(outcome), records_(records), size_(size), first_(block_seek),
+          progress_(stream, command, records) {}
+
+    bool next(EngineRecord& record, uint8_t*) override {
+        if (record.index >= records_ || stop_requested()) return false;
+        place_sequential(record, first_, size_);
+        return true;
+    }
+    void* transfer_address(void* own) override { return select_buffer(own); }
+
+    // The closing line of a command that moved at least two records.
+    void close(const char* done) {
+        if (last_good_ == 0) return;
+        fputs(" ... \n", stream_);
+        report_record(stream_, done, size_, block_seek - 1, buffer_identifier());
+    }
+
+protected:
+    // The outcome of a transfer; false when it failed (its line printed).
+    bool transferred(const EngineRecord& record, const RecordResult& result, const char* failing) {
+        last_sector = block_seek;
+        outcome_.last_errno = result.error_number;
+        outcome_.return_code = result.value;
+        if (result.value < 0) {
+            report_failure(stream_, failing, size_, block_seek, buffer_identifier());
+            return false;
+        }
+        test_context.bytes_transferred += result.value;
+        last_good_ = record.index;
+        progress_.record(record.index + 1);
+        return true;
+    }
+
+    FILE* stream_;
+    CommandOutcome& outcome_;
+    int64_t records_;
+    int64_t size_;
+    int64_t first_;
+    int64_t last_good_ = 0;
+    TransferProgress progress_;
+};
+
+class SequentialRead : public SequentialRun {
+public:
+    SequentialRead(FILE* stream, CommandOutcome& outcome, int64_t records, int64_t size, bool verify)
+        : SequentialRun(stream, outcome, verify ? "read_verify" : "read", records, size), verify_(verify),
+          expected_sector_(block_seek) {}
+
+    bool complete(const EngineRecord& record, const RecordResult& result) override {
+        outcome_.data = buffer_identifier();
+        if (!transferred(record, result, "reading")) return false;
+        if (record.index == 0) report_record(stream_, "read", size_, block_seek, outcome_.data);
+        advance_block_seek();
+        if (!verify_) return !stop_requested();
+        // A record holds the low 32 bits of its sector (and its pattern is
+        // seeded with them): past 2^31 sectors that is all there is to
+        // compare, and comparing the whole number would fail every record
+        // written there.
+        if (outcome_.data != static_cast<int32_t>(expected_sector_)) {
+            outcome_.return_code = -1;
+            fprintf(stream_, "read_verify failed for %ld bytes, expected data = %ld, data read = %d \n",
+                    static_cast<long>(size_), static_cast<long>(expected_sector_), outcome_.data);
+            return false;
+        }
+        uint8_t expected_byte = 0;
+        const int32_t at = verify_record_pattern(io_buffer(), expected_sector_, expected_byte);
+        if (at >= 0) {
+            outcome_.return_code = -1;
+            fprintf(stream_, "block %ld verify failed at byte %d, expected %x, read %x \n",
+                    static_cast<long>(expected_sector_), at, expected_byte, io_buffer()[at]);
+            return false;
+        }
+        ++expected_sector_;
+        return !stop_requested();
+    }
+
+private:
+    bool verify_;
+    int64_t expected_sector_;
+};
+
+class SequentialWrite : public SequentialRun {
+public:
+    SequentialWrite(FILE* stream, CommandOutcome& outcome, int64_t records, int64_t size, bool data_given,
+                    int32_t data)
+        : SequentialRun(stream, outcome, "write", records, size), data_given_(data_given), data_(data) {}
+
+    bool next(EngineRecord& record, uint8_t* bytes) override {
+        if (!SequentialRun::next(record, bytes)) return false;
+        set_record_identifier(bytes, data_given_ ? data_ : static_cast<int32_t>(record.sector));
+        fill_record_pattern(bytes, record.sector);
+        return true;
+    }
+    bool complete(const EngineRecord& record, const RecordResult& result) override {
+        if (!transferred(record, result, "writing")) return false;
+        if (record.index == 0) report_record(stream_, "wrote", size_, block_seek, buffer_identifier());
+        advance_block_seek();
+        return !stop_requested();
+    }
+
+private:
+    bool data_given_;
+    int32_t data_;
+};
+
 void sequential_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome, bool verify) {
+    const char* command = verify ? "read_verify" : "read";
     const int64_t size = record_size();
     int64_t records = 1;
-    if (timing_wanted) timing_begin(verify ? "read_verify" : "read");  // depth-1 timing fill
     if (clause.count == 4) records = count_argument(stream, "read", clause, "records");
+    forget_timing(command);
     if (!record_fits(size)) return;
 
     if (!seek_to_sector(stream, block_seek, outcome)) {
         fprintf(stream, ".Error seeking to block %ld \n", static_cast<long>(block_seek));
         return;
     }
-    int64_t expected_sector = block_seek;
-    int64_t last_good = 0;
-    bool go_on = true;
-    TransferProgress progress(stream, verify ? "read_verify" : "read", records);
-    for (int64_t r = 0; r < records && go_on; ++r) {
-        if (stop_requested()) break;
-        last_sector = block_seek;
-        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
-        int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
-                                                 static_cast<uint32_t>(size)));
-        if (timing_wanted) timing_record(issued, block_seek, n);    // depth-1 timing fill
-        outcome.return_code = n;
-        outcome.data = buffer_identifier();
-        if (n < 0) {
-            report_failure(stream, "reading", size, block_seek, outcome.data);
-            break;
-        }
-        test_context.bytes_transferred += n;
-        last_good = r;
-        progress.record(r + 1);
-        if (r == 0) {
-            report_record(stream, "read", size, block_seek, outcome.data);
-        }
-        advance_block_seek();
-        if (!verify) continue;
-        if (static_cast<int64_t>(outcome.data) != expected_sector) {
-            outcome.return_code = -1;
-            fprintf(stream, "read_verify failed for %ld bytes, expected data = %ld, data read = %d \n",
-                    static_cast<long>(size), static_cast<long>(expected_sector), outcome.data);
-            break;
-        }
-        uint8_t expected_byte = 0;
-        int32_t at = verify_record_pattern(io_buffer(), expected_sector, expected_byte);
-        if (at >= 0) {
-            go_on = false;
-            outcome.return_code = -1;
-            fprintf(stream, "block %ld verify failed at byte %d, expected %x, read %x \n",
-                    static_cast<long>(expected_sector), at, expected_byte, io_buffer()[at]);
-        }
-        ++expected_sector;
-    }
-    if (last_good > 0) {
-        fputs(" ... \n", stream);
-        report_record(stream, "read", size, block_seek - 1, buffer_identifier());
-    }
+    SequentialRead run(stream, outcome, records, size, verify);
+    const std::vector<Outstanding> outstanding =
+        run_records(job_for(command, stream, Direction::read, records, size), run);
+    run.close("read");
+    report_in_flight(stream, outstanding);
     capture_errno(outcome);
 }
 
@@ -162,7 +292,6 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
     int64_t records = 1;
     bool data_given = false;
     int32_t data = 0;
-    if (timing_wanted) timing_begin("write");  // depth-1 timing fill
     if (clause.count > 3) records = count_argument(stream, "write", clause, "records");
     if (clause.count == 7) {
         if (!keyword_matches(clause.token(4), "data")) keyword_error(stream, "write", clause, 4);
@@ -170,129 +299,154 @@ void command_write(FILE* stream, const CommandClause& clause, CommandOutcome& ou
         data = decimal_value(value.data(), static_cast<int32_t>(value.size()));
         data_given = true;
     }
+    forget_timing("write");
     if (!record_fits(size)) return;
 
     if (!seek_to_sector(stream, block_seek, outcome)) {
         fprintf(stream, "..Error seeking to sector %ld \n", static_cast<long>(block_seek));
         return;
     }
-    int64_t last_good = 0;
-    TransferProgress progress(stream, "write", records);
-    for (int64_t r = 0; r < records; ++r) {
-        if (stop_requested()) break;
-        set_buffer_identifier(data_given ? data : static_cast<int32_t>(block_seek));
-        fill_record_pattern(io_buffer(), block_seek);
-        last_sector = block_seek;
-        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
-        int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
-                                                  static_cast<uint32_t>(size)));
-        if (timing_wanted) timing_record(issued, block_seek, n);     // depth-1 timing fill
-        outcome.return_code = n;
-        if (n < 0) {
-            report_failure(stream, "writing", size, block_seek, buffer_identifier());
-            break;
-        }
-        test_context.bytes_transferred += n;
-        last_good = r;
-        progress.record(r + 1);
-        if (r == 0) {
-            report_record(stream, "wrote", size, block_seek, buffer_identifier());
-        }
-        advance_block_seek();
-    }
-    if (last_good > 0) {
-        fputs(" ... \n", stream);
-        report_record(stream, "wrote", size, block_seek - 1, buffer_identifier());
-    }
+    SequentialWrite run(stream, outcome, records, size, data_given, data);
+    const std::vector<Outstanding> outstanding =
+        run_records(job_for("write", stream, Direction::write, records, size), run);
+    run.close("wrote");
+    report_in_flight(stream, outstanding);
     capture_errno(outcome);
 }
 
 namespace {
 
-// The steps both random commands take after each record.
-struct RandomRun {
-    FILE* stream;
-    CommandOutcome& outcome;
-    const char* done;     // "read" or "wrote"
-    const char* failing;  // "reading" or "writing"
-    int64_t records;
-    TransferProgress progress;
+// What both random commands share: the record count, the outcome and the
+// lines of the first and the last record.
+class RandomRun : public RecordSource {
+public:
+    RandomRun(FILE* stream, CommandOutcome& outcome, const char* command, const char* done, const char* failing,
+              int64_t records)
+        : stream_(stream), outcome_(outcome), done_(done), failing_(failing), records_(records),
+          progress_(stream, command, records) {}
+
+    void* transfer_address(void* own) override { return select_buffer(own); }
+    // A record size outside the buffer ended the command before its record.
+    bool refused() const { return refused_; }
+
+protected:
+    // Whether record r may be drawn at all.
+    bool wanted(int64_t r) const { return r < records_ && !stop_requested(); }
+    bool fits(int64_t size) {
+        refused_ = !record_fits(size);
+        return !refused_;
+    }
 
     // Books record r of size bytes at sector, which moved n bytes or failed
     // (-1, its seek or its transfer): the outcome, and the failure line or,
-    // for the first and the last record, the record line. False on failure.
-    bool book(int64_t r, int64_t size, int64_t sector, int32_t n) {
-        outcome.return_code = n;
-        outcome.data = buffer_identifier();
-        if (n < 0) {
-            report_failure(stream, failing, size, sector, outcome.data);
+    // for the first and the last record, the record line. False on failure,
+    // or when a signal asks the run to stop.
+    bool book(int64_t r, int64_t size, int64_t sector, const RecordResult& result) {
+        outcome_.last_errno = result.error_number;
+        outcome_.return_code = result.value;
+        outcome_.data = buffer_identifier();
+        if (result.value < 0) {
+            report_failure(stream_, failing_, size, sector, outcome_.data);
             return false;
         }
-        test_context.bytes_transferred += n;
-        progress.record(r + 1);
-        if (r == 0 || r == records - 1) report_record(stream, done, size, sector, outcome.data);
+        test_context.bytes_transferred += result.value;
+        progress_.record(r + 1);
+        if (r == 0 || r == records_ - 1) report_record(stream_, done_, size, sector, outcome_.data);
+        return !stop_requested();
+    }
+
+    FILE* stream_;
+    CommandOutcome& outcome_;
+    const char* done_;     // "read" or "wrote"
+    const char* failing_;  // "reading" or "writing"
+    int64_t records_;
+    bool refused_ = false;
+    TransferProgress progress_;
+};
+
+class RandomRead : public RandomRun {
+public:
+    RandomRead(FILE* stream, CommandOutcome& outcome, int64_t records)
+        : RandomRun(stream, outcome, "random_read", "read", "reading", records) {}
+
+    bool next(EngineRecord& record, uint8_t*) override {
+        if (!wanted(record.index)) return false;
+        const int64_t sector = random_sector();
+        int64_t sectors = next_running_value() % 10 + 1;
+        // sector + sectors is never formed: it could pass INT64_MAX.
+        if (sector >= block_max || block_max - sector <= sectors) sectors = 1;
+        const int64_t size = std::min(saturated_product(sectors, sector_size), kBufferBytes);
+        if (!fits(size)) return false;
+        place_random(record, sector, size);
         return true;
     }
+    bool complete(const EngineRecord& record, const RecordResult& result) override {
+        last_sector = record.sector;
+        if (result.position_failed) {
+            fprintf(stream_, "...Error seeking to sector %ld \n", static_cast<long>(record.sector));
+        }
+        return book(record.index, record.size, record.sector, result);
+    }
 };
+
+class RandomWrite : public RandomRun {
+public:
+    RandomWrite(FILE* stream, CommandOutcome& outcome, int64_t records)
+        : RandomRun(stream, outcome, "random_write", "wrote", "writing", records),
+          shown_identifier_(buffer_identifier()) {}
+
+    bool next(EngineRecord& record, uint8_t* bytes) override {
+        if (!wanted(record.index)) return false;
+        const int64_t sector = random_sector();
+        const int64_t size = std::min(sector_size, kBufferBytes);
+        if (!fits(size)) return false;
+        fill_record_pattern(bytes, sector);
+        set_record_identifier(bytes, static_cast<int32_t>(sector));
+        place_random(record, sector, size);
+        return true;
+    }
+    bool complete(const EngineRecord& record, const RecordResult& result) override {
+        if (result.position_failed) {
+            // A record whose sector was never reached gets no identifier:
+            // the buffer keeps the previous record's.
+            set_record_identifier(io_buffer(), shown_identifier_);
+            fprintf(stream_, "....Error seeking to sector %ld \n", static_cast<long>(record.sector));
+        } else {
+            last_sector = record.sector;
+            shown_identifier_ = buffer_identifier();
+        }
+        return book(record.index, record.size, record.sector, result);
+    }
+
+private:
+    int32_t shown_identifier_;
+};
+
+// Runs a random command's records; a record size outside the buffer ends
+// the command at once, as it stands.
+void run_random(FILE* stream, RandomRun& run, CommandOutcome& outcome, const char* command, Direction direction,
+                int64_t records, int64_t record_bytes) {
+    const std::vector<Outstanding> outstanding =
+        run_records(job_for(command, stream, direction, records, record_bytes), run);
+    if (run.refused()) return;
+    report_in_flight(stream, outstanding);
+    capture_errno(outcome);
+}
 
 }  // namespace
 
 void command_random_read(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
-    if (timing_wanted) timing_begin("random_read");  // depth-1 timing fill
     if (clause.count == 4) records = count_argument(stream, "random_read", clause, "blocks");
-    RandomRun run{stream, outcome, "read", "reading", records, TransferProgress(stream, "random_read", records)};
-    for (int64_t r = 0; r < records; ++r) {
-        if (stop_requested()) break;
-        int64_t sector = random_sector();
-        int64_t sectors = next_running_value() % 10 + 1;
-        // sector + sectors is never formed: it could pass INT64_MAX.
-        if (sector >= block_max || block_max - sector <= sectors) sectors = 1;
-        int64_t size = std::min(saturated_product(sectors, sector_size), kBufferBytes);
-        if (!record_fits(size)) return;
-
-        if (!seek_to_sector(stream, sector, outcome)) {
-            last_sector = sector;
-            fprintf(stream, "...Error seeking to sector %ld \n", static_cast<long>(sector));
-            run.book(r, size, sector, -1);
-            break;
-        }
-        last_sector = sector;
-        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
-        int32_t n = note_result(outcome, ps_read(stream, test_context.device_handle, select_buffer(io_buffer()),
-                                                 static_cast<uint32_t>(size)));
-        if (timing_wanted) timing_record(issued, sector, n);         // depth-1 timing fill
-        if (!run.book(r, size, sector, n)) break;
-    }
-    capture_errno(outcome);
+    RandomRead run(stream, outcome, records);
+    run_random(stream, run, outcome, "random_read", Direction::read, records, saturated_product(10, sector_size));
 }
 
 void command_random_write(FILE* stream, const CommandClause& clause, CommandOutcome& outcome) {
     int64_t records = 0;
-    if (timing_wanted) timing_begin("random_write");  // depth-1 timing fill
     if (clause.count == 4) records = count_argument(stream, "random_write", clause, "blocks");
-    RandomRun run{stream, outcome, "wrote", "writing", records, TransferProgress(stream, "random_write", records)};
-    for (int64_t r = 0; r < records; ++r) {
-        if (stop_requested()) break;
-        int64_t sector = random_sector();
-        int64_t size = std::min(sector_size, kBufferBytes);
-        if (!record_fits(size)) return;
-        fill_record_pattern(io_buffer(), sector);
-
-        if (!seek_to_sector(stream, sector, outcome)) {
-            fprintf(stream, "....Error seeking to sector %ld \n", static_cast<long>(sector));
-            run.book(r, size, sector, -1);
-            break;
-        }
-        last_sector = sector;
-        set_buffer_identifier(static_cast<int32_t>(sector));
-        const int64_t issued = timing_wanted ? timing_now_ns() : 0;  // depth-1 timing fill
-        int32_t n = note_result(outcome, ps_write(stream, test_context.device_handle, select_buffer(io_buffer()),
-                                                  static_cast<uint32_t>(size)));
-        if (timing_wanted) timing_record(issued, sector, n);         // depth-1 timing fill
-        if (!run.book(r, size, sector, n)) break;
-    }
-    capture_errno(outcome);
+    RandomWrite run(stream, outcome, records);
+    run_random(stream, run, outcome, "random_write", Direction::write, records, sector_size);
 }
 
 namespace {

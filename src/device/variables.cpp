@@ -8,7 +8,7 @@
 
 namespace {
 
-enum class Variable { block_seek, block_max, block_count, buffer };
+enum class Variable { block_seek, block_max, block_count, buffer, depth };
 
 struct VariableName {
     std::string_view keyword;
@@ -20,6 +20,7 @@ constexpr VariableName kVariables[] = {
     {"block_max", Variable::block_max},
     {"block_count", Variable::block_count},
     {"buffer", Variable::buffer},
+    {"depth", Variable::depth},
 };
 
 }  // namespace
@@ -90,6 +91,14 @@ int execute_set(const char* line, FILE* stream, const TokenList& tokens, int32_t
             } else {
                 block_count = 1;
                 fprintf(stream, "The blocking factor value cannot be less or equal to 0, set to default 1.\n");
+            }
+            break;
+        case Variable::depth:
+            if (value >= 1 && value <= 256) {
+                depth = value;
+            } else {
+                depth = 1;
+                fprintf(stream, "The depth should be within 1 to 256, set to default 1.\n");
             }
             break;
         case Variable::buffer:
