@@ -16,24 +16,30 @@ int64_t block_seek = 0;
 int64_t block_max = 1000;
 
 volatile sig_atomic_t stop_signal = 0;
+volatile sig_atomic_t shell_group = 0;
 
 namespace {
 
-void note_stop_signal(int number) { stop_signal = number; }
+int settled = -1;
+
+void note_stop_signal(int number) {
+    const int saved = errno;
+    stop_signal = number;
+    if (shell_group > 0) kill(-shell_group, number);
+    errno = saved;
+}
 
 // Left in place of SIG_IGN so that commands run by a system statement
-// still start with SIGPIPE at its default: ignoring is inherited, a
-// handler is not. A write to a closed pipe then fails with EPIPE.
-void note_broken_pipe(int) {}
+// still start with SIGPIPE and SIGXFSZ at their defaults: ignoring is
+// inherited, a handler is not. The write at fault fails with EPIPE or EFBIG.
+void note_failed_write(int) {}
 
-void handle(int number, void (*handler)(int)) {
+void handle(int number, void (*handler)(int), int flags) {
     struct sigaction action = {};
     struct sigaction previous = {};
     action.sa_handler = handler;
     sigemptyset(&action.sa_mask);
-    // No SA_RESTART: a prompt or a delay waiting when the signal comes
-    // returns at once instead of holding the run.
-    action.sa_flags = 0;
+    action.sa_flags = flags;
     if (sigaction(number, nullptr, &previous) != 0 || previous.sa_handler == SIG_IGN) return;
     sigaction(number, &action, nullptr);
 }
@@ -41,8 +47,35 @@ void handle(int number, void (*handler)(int)) {
 }  // namespace
 
 void catch_stop_signals() {
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) handle(number, note_stop_signal);
-    handle(SIGPIPE, note_broken_pipe);
+    // No SA_RESTART for a stop: a prompt or a delay waiting when the signal
+    // comes returns at once instead of holding the run. A failed write is no
+    // reason to end a prompt's wait, so those restart.
+    for (int number : kStopSignals) handle(number, note_stop_signal, 0);
+    handle(SIGPIPE, note_failed_write, SA_RESTART);
+    handle(SIGXFSZ, note_failed_write, SA_RESTART);
+}
+
+int settled_stop_signal() {
+    if (settled < 0) settled = stop_signal;
+    return settled;
+}
+
+const char* stop_signal_name(int number) {
+    switch (number) {
+        case SIGHUP: return "SIGHUP";
+        case SIGINT: return "SIGINT";
+        case SIGQUIT: return "SIGQUIT";
+        case SIGTERM: return "SIGTERM";
+        case SIGUSR1: return "SIGUSR1";
+        case SIGUSR2: return "SIGUSR2";
+        case SIGALRM: return "SIGALRM";
+        case SIGVTALRM: return "SIGVTALRM";
+        case SIGPROF: return "SIGPROF";
+        case SIGPOLL: return "SIGPOLL";
+        case SIGPWR: return "SIGPWR";
+        case SIGSTKFLT: return "SIGSTKFLT";
+        default: return "?";
+    }
 }
 
 bool checked_product(int64_t a, int64_t b, int64_t& product) {

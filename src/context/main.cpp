@@ -123,7 +123,8 @@ int main(int argc, char** argv) {
     }
     trace_close_output();
     ttrace(stdout, "TTRACE: main exit.\n");
+    const int stopped_by = settled_stop_signal();
     if (output_lost()) return kExitOutputLost;
-    if (stop_signal != 0) return 128 + stop_signal;
+    if (stopped_by != 0) return 128 + stopped_by;
     return test_context.result_code;
 }
