@@ -101,23 +101,14 @@ bool attach(vpathsim::Sim& sim, const std::string& dir, const std::string& confi
 }
 
 bool reset(vpathsim::Sim& sim, const std::string& dir, const std::string& config) {
-    if (!attach(sim, dir, config)) return false;
     vpathsim::Topology topology = vpathsim::default_topology();
     std::string error;
-    if (!config.empty()) {
-        // attach() has already read and checked the file; re-read it so that
-        // a reset of existing state picks up an edited topology.
-        FILE* in = std::fopen(config.c_str(), "r");
-        std::string text;
-        char chunk[4096];
-        for (size_t n; in != nullptr && (n = std::fread(chunk, 1, sizeof chunk, in)) > 0;) text.append(chunk, n);
-        if (in != nullptr) std::fclose(in);
-        if (!vpathsim::parse_config(text, &topology, &error)) {
-            std::fprintf(stderr, "vpathsim: %s: %s\n", config.c_str(), error.c_str());
-            return false;
-        }
+    // The topology first: a file that is no topology leaves the state as it was.
+    if (!config.empty() && !vpathsim::read_config(config, &topology, &error)) {
+        std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+        return false;
     }
-    if (sim.reset(topology, &error)) return true;
+    if (sim.attach(dir, config, &error, true) && sim.reset(topology, &error)) return true;
     std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
     return false;
 }
