@@ -49,7 +49,7 @@ const char kUsage[] =
 
 // A command line that is wrong: what is wrong, in a line, and where to look.
 int usage_error(const std::string& what) {
-    std::fprintf(stderr, "vpathsim: %s\nTry 'vpathsim --help' for the commands and their arguments.\n", what.c_str());
+    std::fprintf(stderr, "vpathsim: %s; see vpathsim --help\n", what.c_str());
     return 2;
 }
 
