@@ -141,10 +141,11 @@ constexpr char kRunPrefix[] = "/tmp/vpathsim-run.";
 
 // A temporary state holds its owner's lock on DIR/owner for as long as the
 // owner lives: a state whose lock can be taken was left by a run that was
-// killed outright, and the next run removes it.
+// killed outright, and the next run removes it. The file is locked before
+// it gets its name, so no sweep ever finds it unlocked while its run lives.
 int take_ownership(const std::string& dir) {
-    int fd = open((dir + "/owner").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    int fd = open((dir + "/owner.new").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0 && (flock(fd, LOCK_EX) != 0 || rename((dir + "/owner.new").c_str(), (dir + "/owner").c_str()) != 0)) {
         close(fd);
         return -1;
     }
@@ -158,11 +159,11 @@ void sweep_abandoned_states() {
         std::string name = entry.path().string();
         struct stat info {};
         if (name.rfind(kRunPrefix, 0) != 0 || lstat(name.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
-            info.st_uid != getuid() || access((name + "/owner").c_str(), F_OK) != 0)
+            info.st_uid != getuid())
             continue;
-        int fd = take_ownership(name);
+        int fd = open((name + "/owner").c_str(), O_RDWR | O_CLOEXEC);
         if (fd < 0) continue;
-        std::filesystem::remove_all(name, error);
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) std::filesystem::remove_all(name, error);
         close(fd);
     }
 }
