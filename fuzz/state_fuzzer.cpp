@@ -41,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     alignas(8) uint8_t record[8192] = {};
     std::memcpy(record, data, std::min(size, sizeof record));
     const uint32_t code = DD_TRACE + (size > 0 ? data[0] % (DD_SET_CONTROLLER - DD_TRACE + 1) : 0);
-    if (code == DD_TRACE) reinterpret_cast<TraceArgumentRecord*>(record)->user_addr = reinterpret_cast<uintptr_t>(report.data());
+    auto* trace = reinterpret_cast<TraceArgumentRecord*>(record);
+    if (code == DD_TRACE) trace->user_addr = reinterpret_cast<uintptr_t>(report.data());
     sim.request(code, record);
     const int device = size > 1 ? data[1] % state.topology.device_count : 0;
     sim.transfer(device, size > 2 && (data[2] & 1) != 0, 0, 4096, [] { return ssize_t{4096}; });

@@ -11,8 +11,6 @@
 namespace vpathsim {
 namespace {
 
-constexpr char kMagic[8] = {'v', 'p', 'a', 't', 'h', 's', 'i', 'm'};
-
 // Each check returns "" when the state passes it, else what is wrong.
 using Check = std::string (*)(const SharedState&);
 
@@ -68,6 +66,9 @@ std::string check_last_paths(const SharedState& s) {
     return "";
 }
 
+// The value of an upper-case hexadecimal digit, -1 for any other byte.
+int digit(uint8_t c) { return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1; }
+
 // Entries as the trace report walks them: two hex digits of the whole
 // length (3 or more), the text, a NUL, back to back up to `used`.
 std::string check_trace(const SharedState& s) {
@@ -77,7 +78,6 @@ std::string check_trace(const SharedState& s) {
     uint32_t offset = 0, last = 0, count = 0;
     while (offset < table.used) {
         const uint8_t* entry = table.bytes + offset;
-        auto digit = [](uint8_t c) { return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1; };
         if (table.used - offset < 3 || digit(entry[0]) < 0 || digit(entry[1]) < 0)
             return "entry at offset " + number(offset) + " has no length";
         uint32_t length = static_cast<uint32_t>(digit(entry[0]) * 16 + digit(entry[1]));
@@ -103,24 +103,37 @@ std::string check_injected(const SharedState& s) {
     return "";
 }
 
+std::string check_magic(const SharedState& s) {
+    return std::memcmp(s.magic, kStateMagic, sizeof kStateMagic) == 0 ? "" : "not a vpathsim state";
+}
+
+std::string check_version(const SharedState& s) {
+    if (s.version == kStateVersion) return "";
+    return number(s.version) + ", this vpathsim keeps " + number(kStateVersion);
+}
+
+std::string check_size(const SharedState& s) {
+    return s.size == sizeof s ? "" : number(s.size) + " bytes, not " + number(sizeof s);
+}
+
 // Checked in order: the later checks rely on the counts the earlier ones
 // have passed.
 const StateCheck kStateChecks[] = {
-    {"magic", [](const SharedState& s) { return std::string(std::memcmp(s.magic, kMagic, 8) == 0 ? "" : "not a vpathsim state"); }},
-    {"version",
-     [](const SharedState& s) {
-         return s.version == kStateVersion ? std::string()
-                                           : number(s.version) + ", this vpathsim keeps " + number(kStateVersion);
-     }},
-    {"size", [](const SharedState& s) { return s.size == sizeof(SharedState) ? std::string() : number(s.size) + " bytes, not " + number(sizeof(SharedState)); }},
+    {"magic", check_magic},
+    {"version", check_version},
+    {"size", check_size},
     {"topology.device_count", [](const SharedState& s) { return outside(s.topology.device_count, 1, kMaxDevices); }},
-    {"topology.adapter_count", [](const SharedState& s) { return outside(s.topology.adapter_count, 1, kMaxAdapterEntries); }},
+    {"topology.adapter_count",
+     [](const SharedState& s) { return outside(s.topology.adapter_count, 1, kMaxAdapterEntries); }},
     {"topology.adapter_names", check_adapter_names},
     {"topology.devices", check_devices},
     {"devices.last_path", check_last_paths},
     {"trace", check_trace},
     {"injected", check_injected},
-    {"faults", [](const SharedState& s) { return std::string(valid_faults(s) ? "" : "a scheduled fault names what the topology lacks"); }},
+    {"faults",
+     [](const SharedState& s) {
+         return std::string(valid_faults(s) ? "" : "a scheduled fault names what the topology lacks");
+     }},
 };
 
 }  // namespace

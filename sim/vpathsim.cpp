@@ -425,7 +425,8 @@ int main(int argc, char** argv) {
     long long device = 0, sector = 0;  // inject-eio
     if (command == "inject-eio") {
         const char* synopsis = " (inject-eio DEV SECTOR)";
-        if (rest < 2) return usage_error(std::string("inject-eio: ") + (rest == 0 ? "DEV" : "SECTOR") + " is missing" + synopsis);
+        if (rest < 2)
+            return usage_error(std::string("inject-eio: ") + (rest == 0 ? "DEV" : "SECTOR") + " is missing" + synopsis);
         if (rest > 2) return usage_error(std::string("inject-eio: unexpected '") + args[2] + "'" + synopsis);
         if (!number(args[0], 0, INT_MAX, &device))
             return usage_error(std::string("inject-eio: DEV must be a number from 0 to ") + std::to_string(INT_MAX) +

@@ -86,21 +86,22 @@ TEST_F(State, ConcurrentProcessesLoseNoCounts) {
 // already using the state (its requests then fail with EIO): nothing is
 // rebuilt. The golden cases show the same for a state cut short.
 TEST_F(State, CorruptStateIsRefused) {
-    using Corruption = std::pair<std::function<void(SharedState&)>, std::string>;
+    using S = SharedState;
+    using Corruption = std::pair<std::function<void(S&)>, std::string>;
     const Corruption corruptions[] = {
-        {[](SharedState& s) { std::memset(s.topology.adapter_names[1], 'x', 16); }, "topology.adapter_names: adapter 1 name unterminated"},
-        {[](SharedState& s) { s.topology.device_count = 1 << 30; }, "topology.device_count: 1073741824 is outside 1 to 16"},
-        {[](SharedState& s) { s.trace.used = kTraceTableSize; }, "trace: entry at offset 0 has no length"},
-        {[](SharedState& s) { s.trace.used = kTraceTableSize + 1; }, "trace: used 65537 of 65536 bytes"},
-        {[](SharedState& s) { s.trace.entries = 1; }, "trace: entries 1, but the table holds 0"},
-        {[](SharedState& s) { std::memcpy(s.trace.bytes, "FD", 2), s.trace.used = 3; }, "trace: entry at offset 0 has a bad length 253"},
-        {[](SharedState& s) { std::memcpy(s.trace.bytes, "03", 3), s.trace.used = 3; }, "trace: entries 0, but the table holds 1"},
-        {[](SharedState& s) { s.devices[1].last_path = INT32_MAX; }, "devices.last_path: device 1: 2147483647 is outside 0 to 3"},
-        {[](SharedState& s) { s.injected_count = -1; }, "injected: count -1 is outside 0 to 64"},
-        {[](SharedState& s) { s.topology.devices[0].size = 1000; }, "topology.devices: device 0: size 1000 is no whole number of sectors"},
-        {[](SharedState& s) { s.faults.scheduled_count = 1, s.faults.scheduled[0] = {kFaultFailPath, 0, {}, 1, 4, 0, 9, 9}; },
+        {[](S& s) { std::memset(s.topology.adapter_names[1], 'x', 16); }, "topology.adapter_names: adapter 1 name unterminated"},
+        {[](S& s) { s.topology.device_count = 1 << 30; }, "topology.device_count: 1073741824 is outside 1 to 16"},
+        {[](S& s) { s.trace.used = kTraceTableSize; }, "trace: entry at offset 0 has no length"},
+        {[](S& s) { s.trace.used = kTraceTableSize + 1; }, "trace: used 65537 of 65536 bytes"},
+        {[](S& s) { s.trace.entries = 1; }, "trace: entries 1, but the table holds 0"},
+        {[](S& s) { std::memcpy(s.trace.bytes, "FD", 2), s.trace.used = 3; }, "trace: entry at offset 0 has a bad length 253"},
+        {[](S& s) { std::memcpy(s.trace.bytes, "03", 3), s.trace.used = 3; }, "trace: entries 0, but the table holds 1"},
+        {[](S& s) { s.devices[1].last_path = INT32_MAX; }, "devices.last_path: device 1: 2147483647 is outside 0 to 3"},
+        {[](S& s) { s.injected_count = -1; }, "injected: count -1 is outside 0 to 64"},
+        {[](S& s) { s.topology.devices[0].size = 1000; }, "topology.devices: device 0: size 1000 is no whole number of sectors"},
+        {[](S& s) { s.faults.scheduled_count = 1, s.faults.scheduled[0] = {kFaultFailPath, 0, {}, 1, 4, 0, 9, 9}; },
          "faults: a scheduled fault names what the topology lacks"},
-        {[](SharedState& s) { s.version = 1; }, "version: 1, this vpathsim keeps " + std::to_string(kStateVersion)},
+        {[](S& s) { s.version = 1; }, "version: 1, this vpathsim keeps " + std::to_string(kStateVersion)},
     };
     for (const auto& [corrupt, field] : corruptions) {
         Sim sim, other;

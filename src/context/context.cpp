@@ -50,7 +50,7 @@ void catch_stop_signals() {
     // No SA_RESTART for a stop: a prompt or a delay waiting when the signal
     // comes returns at once instead of holding the run. A failed write is no
     // reason to end a prompt's wait, so those restart.
-    for (int number : kStopSignals) handle(number, note_stop_signal, 0);
+    for (const StopSignal& stop : kStopSignals) handle(stop.number, note_stop_signal, 0);
     handle(SIGPIPE, note_failed_write, SA_RESTART);
     handle(SIGXFSZ, note_failed_write, SA_RESTART);
 }
@@ -61,21 +61,9 @@ int settled_stop_signal() {
 }
 
 const char* stop_signal_name(int number) {
-    switch (number) {
-        case SIGHUP: return "SIGHUP";
-        case SIGINT: return "SIGINT";
-        case SIGQUIT: return "SIGQUIT";
-        case SIGTERM: return "SIGTERM";
-        case SIGUSR1: return "SIGUSR1";
-        case SIGUSR2: return "SIGUSR2";
-        case SIGALRM: return "SIGALRM";
-        case SIGVTALRM: return "SIGVTALRM";
-        case SIGPROF: return "SIGPROF";
-        case SIGPOLL: return "SIGPOLL";
-        case SIGPWR: return "SIGPWR";
-        case SIGSTKFLT: return "SIGSTKFLT";
-        default: return "?";
-    }
+    for (const StopSignal& stop : kStopSignals)
+        if (stop.number == number) return stop.name;
+    return "?";
 }
 
 bool checked_product(int64_t a, int64_t b, int64_t& product) {

@@ -71,8 +71,15 @@ void ttrace(FILE* stream, const char* format, ...) __attribute__((format(printf,
 
 // The catchable signals whose default is to end the process: each asks the
 // run to stop instead (SIGPIPE and SIGXFSZ only make the write at fault fail).
-inline constexpr int kStopSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,  SIGUSR1, SIGUSR2,
-                                       SIGALRM, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR,  SIGSTKFLT};
+struct StopSignal {
+    int number;
+    const char* name;
+};
+inline constexpr StopSignal kStopSignals[] = {
+    {SIGHUP, "SIGHUP"},   {SIGINT, "SIGINT"},   {SIGQUIT, "SIGQUIT"},     {SIGTERM, "SIGTERM"},
+    {SIGUSR1, "SIGUSR1"}, {SIGUSR2, "SIGUSR2"}, {SIGALRM, "SIGALRM"},     {SIGVTALRM, "SIGVTALRM"},
+    {SIGPROF, "SIGPROF"}, {SIGPOLL, "SIGPOLL"}, {SIGPWR, "SIGPWR"},       {SIGSTKFLT, "SIGSTKFLT"},
+};
 
 // The signal that asked the run to stop, 0 while none has. Its handler
 // only notes it (and passes it on to a running system statement's

@@ -35,9 +35,10 @@ void give_terminal(pid_t group) {
     if (getppid() != parent) _exit(127);
     // A stop signal the parent passes on before the exec must end the child,
     // not its copy of the parent's handler (exec would forget it was sent).
-    for (int number : kStopSignals) {
+    for (const StopSignal& stop : kStopSignals) {
         struct sigaction current = {};
-        if (sigaction(number, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) signal(number, SIG_DFL);
+        if (sigaction(stop.number, nullptr, &current) == 0 && current.sa_handler != SIG_IGN)
+            signal(stop.number, SIG_DFL);
     }
     sigprocmask(SIG_SETMASK, &mask, nullptr);
     execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
@@ -55,7 +56,7 @@ int run_shell_command(const char* command) {
     sigset_t hold;
     sigset_t previous;
     sigemptyset(&hold);
-    for (int number : kStopSignals) sigaddset(&hold, number);
+    for (const StopSignal& stop : kStopSignals) sigaddset(&hold, stop.number);
     sigprocmask(SIG_BLOCK, &hold, &previous);
     // At a terminal the command gets the foreground, as a shell gives it,
     // so that it may read the keyboard and Ctrl-C reaches it directly.
@@ -73,7 +74,7 @@ int run_shell_command(const char* command) {
     setpgid(child, child);
     if (terminal) give_terminal(child);
     shell_group = child;
-    // A stop signal that came before the group was known is passed on now.
+    // A stop asked for before the statement began ends the command at once.
     if (stop_requested()) kill(-child, stop_signal);
     sigprocmask(SIG_SETMASK, &previous, nullptr);
 
