@@ -39,13 +39,13 @@ std::string check_devices(const SharedState& s) {
         if (device.size == 0 || device.size % kSectorSize != 0 || device.size > INT64_MAX)
             return which + "size " + std::to_string(device.size) + " is no whole number of sectors";
         if (std::string wrong = outside(device.path_count, 1, kMaxPathEntries); !wrong.empty())
-            return which + "path count " + wrong;
+            return (which + "path count ").append(wrong);
         for (int p = 0; p < kMaxPathEntries; ++p)
             if (!terminated(device.paths[p].name, sizeof device.paths[p].name))
                 return which + "path " + number(p) + " name unterminated";
         for (int p = 0; p < device.path_count; ++p)
             if (std::string wrong = outside(device.paths[p].adapter, 0, t.adapter_count - 1); !wrong.empty())
-                return which + "path " + number(p) + " adapter " + wrong;
+                return (which + "path " + number(p) + " adapter ").append(wrong);
     }
     return "";
 }
