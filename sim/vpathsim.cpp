@@ -129,7 +129,8 @@ volatile sig_atomic_t forwarded_signal = 0;
 void forward_signal(int number) {
     const int saved = errno;
     forwarded_signal = number;
-    if (running_group > 0) kill(-running_group, number);
+    // A stopped program takes the signal only once it is continued.
+    if (running_group > 0 && kill(-running_group, number) == 0) kill(-running_group, SIGCONT);
     errno = saved;
 }
 

@@ -25,7 +25,9 @@ int settled = -1;
 void note_stop_signal(int number) {
     const int saved = errno;
     stop_signal = number;
-    if (shell_group > 0) kill(-shell_group, number);
+    // A stopped command (say one that read the terminal from the
+    // background) takes the signal only once it is continued.
+    if (shell_group > 0 && kill(-shell_group, number) == 0) kill(-shell_group, SIGCONT);
     errno = saved;
 }
 
