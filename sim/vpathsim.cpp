@@ -129,8 +129,10 @@ volatile sig_atomic_t forwarded_signal = 0;
 void forward_signal(int number) {
     const int saved = errno;
     forwarded_signal = number;
-    // A stopped program takes the signal only once it is continued.
-    if (running_group > 0 && kill(-running_group, number) == 0) kill(-running_group, SIGCONT);
+    // A stopped program takes the signal only once it is continued;
+    // continued first, as a SIGCONT coming late would reach a program
+    // already ending (and cancel the stop a leak checker attaching waits for).
+    if (running_group > 0 && kill(-running_group, SIGCONT) == 0) kill(-running_group, number);
     errno = saved;
 }
 

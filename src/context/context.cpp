@@ -26,8 +26,10 @@ void note_stop_signal(int number) {
     const int saved = errno;
     stop_signal = number;
     // A stopped command (say one that read the terminal from the
-    // background) takes the signal only once it is continued.
-    if (shell_group > 0 && kill(-shell_group, number) == 0) kill(-shell_group, SIGCONT);
+    // background) takes the signal only once it is continued. Continued
+    // first: a late SIGCONT would reach a process already ending, and cancel
+    // the stop a debugger or leak checker attaching then waits for.
+    if (shell_group > 0 && kill(-shell_group, SIGCONT) == 0) kill(-shell_group, number);
     errno = saved;
 }
 
