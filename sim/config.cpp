@@ -1,4 +1,6 @@
 // Topology: the built-in default and the line-oriented description.
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -187,6 +189,23 @@ bool parse_config(const std::string& text, Topology* out, std::string* error) {
         }
     }
     *out = topology;
+    return true;
+}
+
+bool read_config(const std::string& file, Topology* out, std::string* error) {
+    FILE* in = std::fopen(file.c_str(), "re");
+    if (in == nullptr) return *error = file + ": " + std::strerror(errno), false;
+    std::string text;
+    char chunk[4096];
+    size_t n = 0;
+    while (text.size() <= kMaxConfigBytes && (n = std::fread(chunk, 1, sizeof chunk, in)) > 0) text.append(chunk, n);
+    const bool failed = std::ferror(in) != 0;
+    const int number = errno;
+    std::fclose(in);
+    if (failed) return *error = file + ": " + std::strerror(number), false;
+    if (text.size() > kMaxConfigBytes)
+        return *error = file + ": larger than " + std::to_string(kMaxConfigBytes) + " bytes, no topology", false;
+    if (!parse_config(text, out, error)) return *error = file + ": " + *error, false;
     return true;
 }
 

@@ -13,15 +13,11 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 namespace vpathsim {
 namespace {
 
-constexpr char kMagic[8] = {'v', 'p', 'a', 't', 'h', 's', 'i', 'm'};
-constexpr uint32_t kVersion = 3;
 // What the trace record shows as the table's "kernel address".
 constexpr uint64_t kTableAddress = 0xffffc90000a00000ull;
 
@@ -71,39 +67,6 @@ int size_bucket(size_t length) {
     return 4;
 }
 
-bool valid_layout(const SharedState& s) {
-    const Topology& t = s.topology;
-    if (std::memcmp(s.magic, kMagic, sizeof kMagic) != 0 || s.version != kVersion || s.size != sizeof(SharedState))
-        return false;
-    if (t.device_count < 1 || t.device_count > kMaxDevices || t.adapter_count < 1 ||
-        t.adapter_count > kMaxAdapterEntries)
-        return false;
-    // Names are printed with %s and copied as strings: they must end inside
-    // their fields, whatever the file holds.
-    auto terminated = [](const char* field, size_t size) { return std::memchr(field, 0, size) != nullptr; };
-    for (int a = 0; a < t.adapter_count; ++a)
-        if (!terminated(t.adapter_names[a], sizeof t.adapter_names[a])) return false;
-    for (int d = 0; d < t.device_count; ++d) {
-        const DeviceConfig& device = t.devices[d];
-        if (!terminated(device.serial, sizeof device.serial)) return false;
-        for (int p = 0; p < kMaxPathEntries; ++p)
-            if (!terminated(device.paths[p].name, sizeof device.paths[p].name)) return false;
-        if (device.path_count < 1 || device.path_count > kMaxPathEntries || device.size % kSectorSize != 0)
-            return false;
-        for (int p = 0; p < device.path_count; ++p)
-            if (device.paths[p].adapter < 0 || device.paths[p].adapter >= t.adapter_count) return false;
-    }
-    // Every count later used as a bound or an index: the trace table's
-    // entries take three bytes at least, and the last path used picks the
-    // next one by arithmetic.
-    const TraceTable& trace = s.trace;
-    if (trace.used > kTraceTableSize || trace.entries > trace.used / 3 || trace.last_offset > trace.used)
-        return false;
-    for (int d = 0; d < t.device_count; ++d)
-        if (s.devices[d].last_path < 0 || s.devices[d].last_path >= t.devices[d].path_count) return false;
-    return s.injected_count >= 0 && s.injected_count <= kMaxInjected && valid_faults(s) && valid_in_flight(s);
-}
-
 }  // namespace
 
 std::string default_state_dir() {
@@ -123,13 +86,17 @@ Sim::~Sim() {
 bool Sim::lock() {
     thread_lock_.lock();
     while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {}
-    if (state_ == nullptr) return true;  // attach() sizes the file itself
+    if (state_ == nullptr) return true;  // attach() sizes and checks the file itself
     struct stat info {};
-    if (fstat(fd_, &info) == 0 && info.st_size >= static_cast<off_t>(sizeof(SharedState))) {
+    std::string wrong = "cut short";
+    if (fstat(fd_, &info) == 0 && info.st_size >= static_cast<off_t>(sizeof(SharedState))) wrong = check_state(*state_);
+    if (wrong.empty()) {
         lost_ = false;
         return true;
     }
-    if (!lost_) std::fprintf(stderr, "vpathsim: %s/state was cut short while in use; requests fail with EIO\n", dir_.c_str());
+    if (!lost_)
+        std::fprintf(stderr, "vpathsim: %s/state: %s; changed while in use, requests fail with EIO\n", dir_.c_str(),
+                     wrong.c_str());
     lost_ = true;
     flock(fd_, LOCK_UN);
     thread_lock_.unlock();
@@ -142,7 +109,7 @@ void Sim::unlock() {
 
 std::string Sim::image_path(int device) const { return dir_ + "/vpath" + std::to_string(device) + ".img"; }
 
-bool Sim::attach(const std::string& dir, const std::string& config, std::string* error) {
+bool Sim::attach(const std::string& dir, const std::string& config, std::string* error, bool start_over) {
     dir_ = dir;
     if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) return *error = dir + ": " + std::strerror(errno), false;
     std::string file = dir + "/state";
@@ -151,33 +118,44 @@ bool Sim::attach(const std::string& dir, const std::string& config, std::string*
     SimLock guard(*this);
     struct stat info {};
     if (fstat(fd_, &info) != 0) return *error = file + ": " + std::strerror(errno), false;
-    bool fresh = info.st_size != static_cast<off_t>(sizeof(SharedState));
-    if (fresh && ftruncate(fd_, sizeof(SharedState)) != 0) return *error = file + ": " + std::strerror(errno), false;
+    // An empty file is a state still to be made; any other is checked whole
+    // and refused, disk images untouched, when it fails: only init (or run
+    // --fresh) starts a state over.
+    const bool fresh = info.st_size == 0;
+    if (!fresh && !start_over && info.st_size != static_cast<off_t>(sizeof(SharedState)))
+        return *error = file + ": size " + std::to_string(info.st_size) +
+                        " bytes is not that of a state (vpathsim init starts it over)",
+               false;
+    if ((fresh || start_over) && ftruncate(fd_, sizeof(SharedState)) != 0)
+        return *error = file + ": " + std::strerror(errno), false;
     void* map = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
     if (map == MAP_FAILED) return *error = file + ": " + std::strerror(errno), false;
     state_ = static_cast<SharedState*>(map);
-    if (!fresh && valid_layout(*state_)) return true;
-    Topology topology = default_topology();
-    if (!config.empty()) {
-        std::ifstream in(config);
-        if (!in) return *error = config + ": cannot read", false;
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!parse_config(text.str(), &topology, error)) return *error = config + ": " + *error, false;
+    if (start_over) return true;
+    if (!fresh) {
+        std::string wrong = check_state(*state_);
+        if (wrong.empty()) return true;
+        return *error = file + ": " + wrong + " (vpathsim init starts it over)", false;
     }
+    Topology topology = default_topology();
+    if (!config.empty() && !read_config(config, &topology, error)) return false;
     return reset_locked(topology, error);
 }
 
+// Not through lock(): the state being replaced need not pass its checks.
 bool Sim::reset(const Topology& topology, std::string* error) {
-    SimLock guard(*this);
-    if (!guard.held()) return *error = dir_ + "/state: cut short while in use", false;
-    return reset_locked(topology, error);
+    while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {}
+    struct stat info {};
+    bool whole = fstat(fd_, &info) == 0 && info.st_size >= static_cast<off_t>(sizeof(SharedState));
+    bool done = whole ? reset_locked(topology, error) : (*error = dir_ + "/state: cut short while in use", false);
+    unlock();
+    return done;
 }
 
 bool Sim::reset_locked(const Topology& topology, std::string* error) {
     std::memset(state_, 0, sizeof(SharedState));
-    std::memcpy(state_->magic, kMagic, sizeof kMagic);
-    state_->version = kVersion;
+    std::memcpy(state_->magic, kStateMagic, sizeof kStateMagic);
+    state_->version = kStateVersion;
     state_->size = sizeof(SharedState);
     state_->topology = topology;
     for (int d = 0; d < topology.device_count; ++d) {
@@ -302,9 +280,9 @@ void Sim::end_transfer(int device, int path, bool write, size_t length, ssize_t 
     DeviceRuntime& runtime = state_->devices[device];
     if (path >= 0) {
         AdapterRuntime& adapter = state_->adapters[state_->topology.devices[device].paths[path].adapter];
-        ++runtime.paths[path].times_used;
-        ++adapter.count;
-        if (result < 0) ++adapter.errors;
+        count_one(runtime.paths[path].times_used);
+        count_one(adapter.count);
+        if (result < 0) count_one(adapter.errors);
         if (result > 0) {
             auto bytes = static_cast<size_t>(result);
             auto sectors = static_cast<uint32_t>((bytes + kSectorSize - 1) / kSectorSize);

@@ -22,6 +22,10 @@ constexpr int kMaxDevices = 16;
 constexpr int kMaxInjected = 64;
 constexpr uint32_t kTraceTableSize = 65536;
 constexpr uint32_t kSectorSize = 512;
+constexpr char kStateMagic[8] = {'v', 'p', 'a', 't', 'h', 's', 'i', 'm'};
+constexpr uint32_t kStateVersion = 3;
+// A topology file larger than this is no topology (and /dev/zero never ends).
+constexpr size_t kMaxConfigBytes = 1 << 20;
 static_assert(kFaultDevices == kMaxDevices && kTimedDevices == kMaxDevices);
 
 struct PathConfig {
@@ -104,18 +108,29 @@ struct SharedState {
     InFlightTable flight;
 };
 
+// The signed counters of a long-lived state wrap round, as the driver's
+// do, rather than overflow.
+inline void count_one(int32_t& counter) { counter = static_cast<int32_t>(static_cast<uint32_t>(counter) + 1u); }
+
 // The fault table of a state file names only devices, paths and adapters
 // the topology has (sim/faults.cpp).
 bool valid_faults(const SharedState& state);
 // The table of requests in flight holds only slots the topology can have,
 // and timings in range (sim/inflight.cpp).
 bool valid_in_flight(const SharedState& state);
+// Every check a state passes before use (sim/state_check.cpp): "" when it
+// may be used, else the field at fault and what is wrong with it.
+std::string check_state(const SharedState& state);
 
 Topology default_topology();
 // $VPATHSIM_STATE, else a per-user directory under /tmp.
 std::string default_state_dir();
 // Parses the line-oriented topology description (see docs/simulator.md).
 bool parse_config(const std::string& text, Topology* out, std::string* error);
+// Reads and parses the topology file; false with "FILE: reason" in *error,
+// *out untouched, when it cannot be read, is larger than kMaxConfigBytes or
+// does not parse.
+bool read_config(const std::string& file, Topology* out, std::string* error);
 
 // Copies between the simulator and an address the caller handed over; false
 // when the address range is not fully accessible (the driver's EFAULT).
@@ -130,8 +145,10 @@ public:
     Sim& operator=(const Sim&) = delete;
 
     // Attaches to the state in dir, creating it (from the file named by
-    // config, or the built-in topology when config is empty) when absent.
-    bool attach(const std::string& dir, const std::string& config, std::string* error);
+    // config, or the built-in topology when config is empty) when absent;
+    // false with the reason when the state there fails its checks. With
+    // start_over the state is neither made nor checked: reset() follows.
+    bool attach(const std::string& dir, const std::string& config, std::string* error, bool start_over = false);
     // Replaces the state with a fresh one for the topology; images are emptied.
     bool reset(const Topology& topology, std::string* error);
 

@@ -219,8 +219,8 @@ int Sim::flaky_retry(int device, const char* what, int* path) {
         }
         PathRuntime& runtime = state_->devices[device].paths[current];
         AdapterRuntime& adapter = state_->adapters[config.paths[current].adapter];
-        ++runtime.times_used;
-        ++runtime.recovered_errors;
+        count_one(runtime.times_used);
+        count_one(runtime.recovered_errors);
         ++adapter.count;
         ++adapter.errors;
         trace("vpath%d %s via path %d (%s): flaky path error, retried on path %d\n", device, what, current,

@@ -1,9 +1,13 @@
 // Control program of the simulated driver: state set-up, fault injection,
 // and running a program with the driver interposed.
+#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,8 +54,9 @@ const char kUsage[] =
     "The state directory defaults to $VPATHSIM_STATE, else /tmp/vpathsim-UID;\n"
     "$VPATHSIM_CONFIG names the topology file when --config is not given.\n";
 
-int usage() {
-    std::fputs(kUsage, stderr);
+// A command line that is wrong: what is wrong, in a line, and where to look.
+int usage_error(const std::string& what) {
+    std::fprintf(stderr, "vpathsim: %s; see vpathsim --help\n", what.c_str());
     return 2;
 }
 
@@ -103,23 +108,14 @@ bool attach(vpathsim::Sim& sim, const std::string& dir, const std::string& confi
 }
 
 bool reset(vpathsim::Sim& sim, const std::string& dir, const std::string& config) {
-    if (!attach(sim, dir, config)) return false;
     vpathsim::Topology topology = vpathsim::default_topology();
     std::string error;
-    if (!config.empty()) {
-        // attach() has already read and checked the file; re-read it so that
-        // a reset of existing state picks up an edited topology.
-        FILE* in = std::fopen(config.c_str(), "r");
-        std::string text;
-        char chunk[4096];
-        for (size_t n; in != nullptr && (n = std::fread(chunk, 1, sizeof chunk, in)) > 0;) text.append(chunk, n);
-        if (in != nullptr) std::fclose(in);
-        if (!vpathsim::parse_config(text, &topology, &error)) {
-            std::fprintf(stderr, "vpathsim: %s: %s\n", config.c_str(), error.c_str());
-            return false;
-        }
+    // The topology first: a file that is no topology leaves the state as it was.
+    if (!config.empty() && !vpathsim::read_config(config, &topology, &error)) {
+        std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+        return false;
     }
-    if (sim.reset(topology, &error)) return true;
+    if (sim.attach(dir, config, &error, true) && sim.reset(topology, &error)) return true;
     std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
     return false;
 }
@@ -130,27 +126,101 @@ std::string env_config() {
     return env != nullptr ? env : "";
 }
 
-// The program run under the driver; 0 outside run and in the child.
-volatile sig_atomic_t running_child = 0;
+// The process group of the program run under the driver; 0 outside run.
+volatile sig_atomic_t running_group = 0;
 volatile sig_atomic_t forwarded_signal = 0;
 
-// Passed on, so the program ends its own way and run still removes the
-// temporary state after it; nothing is left running or lying about.
+// Passed on to the program's whole group, so it ends its own way and run
+// still removes the temporary state after it; nothing is left running or
+// lying about.
 void forward_signal(int number) {
+    const int saved = errno;
     forwarded_signal = number;
-    if (running_child > 0) kill(running_child, number);
+    // A stopped program takes the signal only once it is continued;
+    // continued first, as a SIGCONT coming late would reach a program
+    // already ending (and cancel the stop a leak checker attaching waits for).
+    if (running_group > 0 && kill(-running_group, SIGCONT) == 0) kill(-running_group, number);
+    errno = saved;
 }
 
-constexpr int kForwardedSignals[] = {SIGINT, SIGTERM, SIGHUP};
+// Every catchable signal whose default ends the process.
+constexpr int kForwardedSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE,
+                                     SIGALRM, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR,  SIGSTKFLT};
+
+constexpr char kRunPrefix[] = "/tmp/vpathsim-run.";
+
+// A temporary state holds its owner's lock on DIR/owner for as long as the
+// owner lives: a state whose lock can be taken was left by a run that was
+// killed outright, and the next run removes it. The file is locked before
+// it gets its name, so no sweep ever finds it unlocked while its run lives.
+int take_ownership(const std::string& dir) {
+    int fd = open((dir + "/owner.new").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0 && (flock(fd, LOCK_EX) != 0 || rename((dir + "/owner.new").c_str(), (dir + "/owner").c_str()) != 0)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void sweep_abandoned_states() {
+    std::error_code error;
+    std::filesystem::path prefix(kRunPrefix);
+    for (const auto& entry : std::filesystem::directory_iterator(prefix.parent_path(), error)) {
+        std::string name = entry.path().string();
+        struct stat info {};
+        if (name.rfind(kRunPrefix, 0) != 0 || lstat(name.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+            info.st_uid != getuid())
+            continue;
+        int fd = open((name + "/owner").c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) continue;
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) std::filesystem::remove_all(name, error);
+        close(fd);
+    }
+}
+
+// At a terminal the program gets the foreground, as a shell gives it.
+void give_terminal(pid_t group) {
+    sigset_t hold, previous;
+    sigemptyset(&hold);
+    sigaddset(&hold, SIGTTOU);
+    sigprocmask(SIG_BLOCK, &hold, &previous);
+    tcsetpgrp(STDIN_FILENO, group);
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
+}
+
+// Starts program in a process group of its own; it ends with SIGTERM when
+// run itself is killed outright, so that it never outlives run.
+pid_t start(char** program, bool terminal, const sigset_t& mask) {
+    const pid_t parent = getpid();
+    pid_t child = fork();
+    if (child != 0) {
+        if (child > 0) setpgid(child, child);
+        return child;
+    }
+    setpgid(0, 0);
+    if (terminal) give_terminal(getpgrp());
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(127);
+    for (int number : kForwardedSignals) {
+        struct sigaction current = {};
+        if (sigaction(number, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) signal(number, SIG_DFL);
+    }
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+    execvp(program[0], program);
+    std::fprintf(stderr, "vpathsim: %s: %s\n", program[0], std::strerror(errno));
+    _exit(127);
+}
 
 int run(std::string dir, bool dir_given, int argc, char** argv) {
     std::string config = env_config();
     bool fresh = false, keep = false;
     int i = 0;
     for (; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
-        if (std::strcmp(argv[i], "--config") == 0 && i + 1 < argc) {
+        if ((std::strcmp(argv[i], "--config") == 0 || std::strcmp(argv[i], "--state") == 0) && i + 1 >= argc)
+            return usage_error(std::string("run: ") + argv[i] + " needs a value");
+        if (std::strcmp(argv[i], "--config") == 0) {
             config = argv[++i];
-        } else if (std::strcmp(argv[i], "--state") == 0 && i + 1 < argc) {
+        } else if (std::strcmp(argv[i], "--state") == 0) {
             dir = argv[++i];
             dir_given = true;
         } else if (std::strcmp(argv[i], "--fresh") == 0) {
@@ -158,26 +228,58 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
         } else if (std::strcmp(argv[i], "--keep") == 0) {
             keep = true;
         } else {
-            return usage();
+            return usage_error(std::string("run: unknown option '") + argv[i] + "'");
         }
     }
-    if (i + 1 >= argc) return usage();
+    if (i >= argc) return usage_error("run: '--' and the program to run are missing");
+    if (i + 1 >= argc) return usage_error("run: the program to run is missing after '--'");
     char** program = argv + i + 1;
+    // Held from here on, so that a signal can neither end run between
+    // creating the temporary state and removing it, nor come before the
+    // program's group is known; they are taken in while run waits.
+    sigset_t forwarded, previous;
+    sigemptyset(&forwarded);
+    for (int number : kForwardedSignals) sigaddset(&forwarded, number);
+    sigprocmask(SIG_BLOCK, &forwarded, &previous);
+    for (int number : kForwardedSignals) {
+        struct sigaction action = {}, old_action = {};
+        sigaction(number, nullptr, &old_action);
+        if (old_action.sa_handler == SIG_IGN) continue;  // as under nohup: the program ignores it too
+        action.sa_handler = forward_signal;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = SA_RESTART;
+        sigaction(number, &action, nullptr);
+    }
+    int owner = -1;
+    auto remove_state = [&] {
+        if (dir_given) return;
+        std::error_code ignored;
+        if (keep) {
+            std::filesystem::remove(dir + "/owner", ignored);
+            std::fprintf(stderr, "vpathsim: state kept in %s\n", dir.c_str());
+        } else {
+            std::filesystem::remove_all(dir, ignored);
+        }
+        if (owner >= 0) close(owner);
+    };
     if (!dir_given) {
-        char pattern[] = "/tmp/vpathsim-run.XXXXXX";
-        if (mkdtemp(pattern) == nullptr) return std::perror("vpathsim: mkdtemp"), 1;
+        sweep_abandoned_states();
+        std::string pattern = std::string(kRunPrefix) + "XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) return std::perror("vpathsim: mkdtemp"), 1;
         dir = pattern;
+        owner = take_ownership(dir);
         fresh = true;
     }
     std::string preload = preload_library();
-    if (preload.empty()) return 1;
-    {
+    bool ready = !preload.empty();
+    if (ready) {
         vpathsim::Sim sim;
-        if (!(fresh ? reset(sim, dir, config) : attach(sim, dir, config))) {
-            std::error_code ignored;
-            if (!dir_given) std::filesystem::remove_all(dir, ignored);
-            return 1;
-        }
+        ready = fresh ? reset(sim, dir, config) : attach(sim, dir, config);
+    }
+    if (!ready) {
+        keep = false;
+        remove_state();
+        return 1;
     }
     const char* old = getenv("LD_PRELOAD");
     if (old != nullptr && *old != '\0') preload += ":" + std::string(old);
@@ -189,41 +291,22 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
     const char* old_path = getenv("PATH");
     if (old_path != nullptr && *old_path != '\0') path += ":" + std::string(old_path);
     setenv("PATH", path.c_str(), 1);
-    // Blocked across fork, so that no signal reaches a handler before the
-    // child's number is known; the child takes back the old mask to exec.
-    sigset_t forwarded, previous;
-    sigemptyset(&forwarded);
-    for (int number : kForwardedSignals) sigaddset(&forwarded, number);
-    sigprocmask(SIG_BLOCK, &forwarded, &previous);
-    for (int number : kForwardedSignals) {
-        struct sigaction action = {}, old_action = {};
-        sigaction(number, nullptr, &old_action);
-        if (old_action.sa_handler == SIG_IGN) continue;  // as under nohup: the child ignores it too
-        action.sa_handler = forward_signal;
-        sigemptyset(&action.sa_mask);
-        sigaction(number, &action, nullptr);
+    const bool terminal = isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp();
+    pid_t child = start(program, terminal, previous);
+    if (child < 0) {
+        std::perror("vpathsim: fork");
+        remove_state();
+        return 1;
     }
-    pid_t child = fork();
-    if (child < 0) return std::perror("vpathsim: fork"), 1;
-    if (child == 0) {
-        sigprocmask(SIG_SETMASK, &previous, nullptr);
-        execvp(program[0], program);
-        std::fprintf(stderr, "vpathsim: %s: %s\n", program[0], std::strerror(errno));
-        _exit(127);
-    }
-    running_child = child;
+    if (terminal) give_terminal(child);
+    running_group = child;
     sigprocmask(SIG_SETMASK, &previous, nullptr);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {}
-    running_child = 0;
-    if (!dir_given) {
-        if (keep) {
-            std::fprintf(stderr, "vpathsim: state kept in %s\n", dir.c_str());
-        } else {
-            std::error_code ignored;
-            std::filesystem::remove_all(dir, ignored);
-        }
-    }
+    sigprocmask(SIG_BLOCK, &forwarded, nullptr);
+    running_group = 0;
+    if (terminal) give_terminal(getpgrp());
+    remove_state();
     if (forwarded_signal != 0) return 128 + forwarded_signal;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -231,15 +314,21 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
 struct FaultCommand {
     const char* name;
     vpathsim::FaultKind kind;
-    int numbers;  // DEV PATH, or DEV, or ADAPTER
+    const char* numbers[2];  // DEV PATH, or DEV, or ADAPTER
+    const char* synopsis;
 };
 
 constexpr FaultCommand kFaultCommands[] = {
-    {"fail-path", vpathsim::kFaultFailPath, 2},       {"restore-path", vpathsim::kFaultRestorePath, 2},
-    {"fail-adapter", vpathsim::kFaultFailAdapter, 1}, {"restore-adapter", vpathsim::kFaultRestoreAdapter, 1},
-    {"fail-device", vpathsim::kFaultFailDevice, 1},   {"restore-device", vpathsim::kFaultRestoreDevice, 1},
-    {"flaky-path", vpathsim::kFaultFlakyPath, 2},     {"drop-writes", vpathsim::kFaultDropWrites, 2},
-    {"corrupt-reads", vpathsim::kFaultCorruptReads, 2}, {"lose-in-flight", vpathsim::kFaultLoseInFlight, 2},
+    {"fail-path", vpathsim::kFaultFailPath, {"DEV", "PATH"}, "fail-path DEV PATH [WHEN]"},
+    {"restore-path", vpathsim::kFaultRestorePath, {"DEV", "PATH"}, "restore-path DEV PATH [WHEN]"},
+    {"fail-adapter", vpathsim::kFaultFailAdapter, {"ADAPTER"}, "fail-adapter ADAPTER [WHEN]"},
+    {"restore-adapter", vpathsim::kFaultRestoreAdapter, {"ADAPTER"}, "restore-adapter ADAPTER [WHEN]"},
+    {"fail-device", vpathsim::kFaultFailDevice, {"DEV"}, "fail-device DEV [WHEN]"},
+    {"restore-device", vpathsim::kFaultRestoreDevice, {"DEV"}, "restore-device DEV [WHEN]"},
+    {"flaky-path", vpathsim::kFaultFlakyPath, {"DEV", "PATH"}, "flaky-path DEV PATH every K [WHEN]"},
+    {"drop-writes", vpathsim::kFaultDropWrites, {"DEV", "PATH"}, "drop-writes DEV PATH [WHEN]"},
+    {"corrupt-reads", vpathsim::kFaultCorruptReads, {"DEV", "PATH"}, "corrupt-reads DEV PATH [byte B] [WHEN]"},
+    {"lose-in-flight", vpathsim::kFaultLoseInFlight, {"DEV", "PATH"}, "lose-in-flight DEV PATH [WHEN]"},
 };
 
 // A count after a keyword ("after 5000", "every 3", "byte 100"): out of range
@@ -250,26 +339,38 @@ bool count(const char* keyword, const char* text, long long low, long long* out)
     return false;
 }
 
-// The fault commands: -1 when command is none of them, else the exit status.
-int fault_command(vpathsim::Sim& sim, const std::string& command, int argc, char** argv) {
-    const FaultCommand* found = nullptr;
+const FaultCommand* fault_command(const std::string& command) {
     for (const auto& candidate : kFaultCommands)
-        if (command == candidate.name) found = &candidate;
-    if (found == nullptr) return -1;
-    vpathsim::FaultRequest request;
+        if (command == candidate.name) return &candidate;
+    return nullptr;
+}
+
+// The arguments of a fault command: 0 with the request filled in, else the
+// exit status of the error told.
+int fault_request(const FaultCommand* found, int argc, char** argv, vpathsim::FaultRequest& request) {
+    auto wrong = [&](const std::string& what) {
+        return usage_error(std::string(found->name) + ": " + what + " (" + found->synopsis + ")");
+    };
     request.kind = found->kind;
     long long values[2] = {0, 0};
-    if (argc < found->numbers) return usage();
-    for (int i = 0; i < found->numbers; ++i)
-        if (!number(argv[i], 0, INT_MAX, &values[i])) return usage();
+    const int numbers = found->numbers[1] != nullptr ? 2 : 1;
+    for (int i = 0; i < numbers; ++i) {
+        if (i >= argc) return wrong(std::string(found->numbers[i]) + " is missing");
+        if (!number(argv[i], 0, INT_MAX, &values[i]))
+            return wrong(std::string(found->numbers[i]) + " must be a number from 0 to " + std::to_string(INT_MAX) +
+                         ", not '" + argv[i] + "'");
+    }
     bool adapter = found->kind == vpathsim::kFaultFailAdapter || found->kind == vpathsim::kFaultRestoreAdapter;
     request.device = adapter ? -1 : static_cast<int>(values[0]);
     request.target = adapter ? static_cast<int>(values[0]) : static_cast<int>(values[1]);
     bool every = false;
     long long value = 0;
-    for (int i = found->numbers; i < argc; i += 2) {
+    for (int i = numbers; i < argc; i += 2) {
         std::string word = argv[i];
-        if (i + 1 >= argc) return usage();
+        bool known = word == "after" || (word == "every" && found->kind == vpathsim::kFaultFlakyPath) ||
+                     (word == "byte" && found->kind == vpathsim::kFaultCorruptReads);
+        if (!known) return wrong("unexpected '" + word + "'");
+        if (i + 1 >= argc) return wrong("a number is missing after '" + word + "'");
         if (word == "after") {
             if (!count("after", argv[i + 1], 1, &value)) return 1;
             request.after = static_cast<uint64_t>(value);
@@ -280,22 +381,17 @@ int fault_command(vpathsim::Sim& sim, const std::string& command, int argc, char
                     ++i;
                 }
             }
-        } else if (word == "every" && found->kind == vpathsim::kFaultFlakyPath) {
+        } else if (word == "every") {
             if (!count("every", argv[i + 1], 1, &value)) return 1;
             request.argument = static_cast<uint32_t>(value);
             every = true;
-        } else if (word == "byte" && found->kind == vpathsim::kFaultCorruptReads) {
+        } else {
             if (!count("byte", argv[i + 1], 0, &value)) return 1;
             request.argument = static_cast<uint32_t>(value);
-        } else {
-            return usage();
         }
     }
-    if (found->kind == vpathsim::kFaultFlakyPath && !every) return usage();
-    std::string error;
-    if (sim.arm(request, &error)) return 0;
-    std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
-    return 1;
+    if (found->kind == vpathsim::kFaultFlakyPath && !every) return wrong("'every K' is missing");
+    return 0;
 }
 
 }  // namespace
@@ -304,12 +400,13 @@ int main(int argc, char** argv) {
     std::string dir = vpathsim::default_state_dir();
     bool dir_given = false;
     int i = 1;
-    if (i + 1 < argc && std::strcmp(argv[i], "--state") == 0) {
+    if (i < argc && std::strcmp(argv[i], "--state") == 0) {
+        if (i + 1 >= argc) return usage_error("--state needs a directory");
         dir = argv[i + 1];
         dir_given = true;
         i += 2;
     }
-    if (i >= argc) return usage();
+    if (i >= argc) return usage_error("a command is missing");
     std::string command = argv[i++];
     int rest = argc - i;
     char** args = argv + i;
@@ -317,45 +414,65 @@ int main(int argc, char** argv) {
     if (command == "help" || command == "--help") return std::fputs(kUsage, stdout), 0;
 
     vpathsim::Sim sim;
-    long long a = 0, b = 0;  // inject-eio
     if (command == "init") {
         std::string config = env_config();
-        if (rest == 2 && std::strcmp(args[0], "--config") == 0) {
+        if (rest >= 1 && std::strcmp(args[0], "--config") == 0) {
+            if (rest == 1) return usage_error("init: --config needs a file");
             config = args[1];
+            if (rest > 2) return usage_error(std::string("init: unexpected '") + args[2] + "'");
         } else if (rest != 0) {
-            return usage();
+            return usage_error(std::string("init: unexpected '") + args[0] + "'");
         }
         return reset(sim, dir, config) ? 0 : 1;
     }
+    const bool simple = command == "show" || command == "restore";
+    const FaultCommand* fault = fault_command(command);
+    // The commands of a device and one more number.
+    const char* second = command == "inject-eio"       ? "SECTOR"
+                         : command == "latency"        ? "MICROSECONDS"
+                         : command == "failover-delay" ? "MILLISECONDS"
+                                                       : nullptr;
+    if (!simple && fault == nullptr && second == nullptr) return usage_error("unknown command '" + command + "'");
+    vpathsim::FaultRequest request;
+    if (fault != nullptr) {
+        if (int status = fault_request(fault, rest, args, request); status != 0) return status;
+    }
+    if (simple && rest != 0) return usage_error(command + ": unexpected '" + args[0] + "'");
+    long long device = 0, value = 0;  // inject-eio, latency, failover-delay
+    if (second != nullptr) {
+        const std::string synopsis = " (" + command + " DEV " + second + ")";
+        if (rest < 2) return usage_error(command + ": " + (rest == 0 ? "DEV" : second) + " is missing" + synopsis);
+        if (rest > 2) return usage_error(command + ": unexpected '" + args[2] + "'" + synopsis);
+        if (!number(args[0], 0, INT_MAX, &device))
+            return usage_error(command + ": DEV must be a number from 0 to " + std::to_string(INT_MAX) + ", not '" +
+                               args[0] + "'" + synopsis);
+        if (!number(args[1], 0, LLONG_MAX, &value))
+            return usage_error(command + ": " + second + " must be a number, not '" + args[1] + "'" + synopsis);
+    }
     if (!attach(sim, dir, env_config())) return 1;
-    if (command == "show" && rest == 0) {
+    if (command == "show") {
         sim.show(stdout);
         return 0;
     }
-    if (command == "restore" && rest == 0) {
+    if (command == "restore") {
         sim.restore();
         return 0;
     }
-    if (int status = fault_command(sim, command, rest, args); status >= 0) return status;
-    if ((command == "latency" || command == "failover-delay") && rest == 2) {
-        if (!number(args[0], 0, INT_MAX, &a)) return usage();
-        long long high = command == "latency" ? vpathsim::kMaxLatencyUs : vpathsim::kMaxFailoverDelayMs;
-        if (!number(args[1], 0, high, &b)) {
-            std::fprintf(stderr, "vpathsim: %s: expected a number from 0 to %lld, not '%s'\n", command.c_str(), high,
-                         args[1]);
-            return 1;
-        }
+    if (command == "inject-eio") {
+        if (sim.inject_eio(static_cast<int>(device), static_cast<uint64_t>(value))) return 0;
+        std::fprintf(stderr, "vpathsim: cannot inject sector %lld on vpath%lld\n", value, device);
+        return 1;
+    }
+    if (command == "latency" || command == "failover-delay") {
         std::string error;
-        if (command == "latency" ? sim.set_latency(static_cast<int>(a), b, &error)
-                                 : sim.set_failover_delay(static_cast<int>(a), b, &error))
+        if (command == "latency" ? sim.set_latency(static_cast<int>(device), value, &error)
+                                 : sim.set_failover_delay(static_cast<int>(device), value, &error))
             return 0;
         std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
         return 1;
     }
-    if (command == "inject-eio" && rest == 2 && number(args[0], 0, INT_MAX, &a) && number(args[1], 0, LLONG_MAX, &b)) {
-        if (sim.inject_eio(static_cast<int>(a), static_cast<uint64_t>(b))) return 0;
-        std::fprintf(stderr, "vpathsim: cannot inject sector %lld on vpath%lld\n", b, a);
-        return 1;
-    }
-    return usage();
+    std::string error;
+    if (sim.arm(request, &error)) return 0;
+    std::fprintf(stderr, "vpathsim: %s\n", error.c_str());
+    return 1;
 }

@@ -17,7 +17,7 @@ while getopts "r:t:" option; do
 done
 shift $((OPTIND - 1))
 cd "$root" && cmake --workflow --preset fuzz >/dev/null
-[ $# -gt 0 ] || set -- statement_fuzzer trace_report_fuzzer
+[ $# -gt 0 ] || set -- statement_fuzzer trace_report_fuzzer state_fuzzer config_fuzzer
 status=0
 for target; do
     corpus=$build/corpus/$target extra=()
@@ -29,7 +29,13 @@ for target; do
             get_device_state set_path set_controller records block_seek block_count errno has vendor_id \
             '$D' RW+DIRECT EIO > "$build/statement.dict"
         extra=(-dict="$build/statement.dict")
-    else  # a trace report: mask byte, entry count, bytes reported, entries
+    elif [ "$target" = config_fuzzer ]; then
+        printf 'adapter fc0\nadapter fc1\ndevice serial=A policy=3 size=1M controllers=2\npath sda adapter=1 # c\n' \
+            > "$corpus/seed-1"
+        printf '"%s"\n' adapter device path adapter= serial= type= policy= controllers= size= devtype= vendor= \
+            product= revision= vendor_specific= > "$build/config.dict"
+        extra=(-dict="$build/config.dict")
+    elif [ "$target" = trace_report_fuzzer ]; then  # a trace report: mask byte, entry count, bytes reported, entries
         printf '\x7c\x03\0\0\0\0\0\0\0%s' '0EENTRY open\n' '0DEXIT open \n' '0Cdebug: x  \n' >"$corpus/seed-1"
     fi
     echo "== $target (${limit[*]})"

@@ -17,24 +17,34 @@ int64_t block_max = 1000;
 int64_t depth = 1;
 
 volatile sig_atomic_t stop_signal = 0;
+volatile sig_atomic_t shell_group = 0;
 
 namespace {
 
-void note_stop_signal(int number) { stop_signal = number; }
+int settled = -1;
+
+void note_stop_signal(int number) {
+    const int saved = errno;
+    stop_signal = number;
+    // A stopped command (say one that read the terminal from the
+    // background) takes the signal only once it is continued. Continued
+    // first: a late SIGCONT would reach a process already ending, and cancel
+    // the stop a debugger or leak checker attaching then waits for.
+    if (shell_group > 0 && kill(-shell_group, SIGCONT) == 0) kill(-shell_group, number);
+    errno = saved;
+}
 
 // Left in place of SIG_IGN so that commands run by a system statement
-// still start with SIGPIPE at its default: ignoring is inherited, a
-// handler is not. A write to a closed pipe then fails with EPIPE.
-void note_broken_pipe(int) {}
+// still start with SIGPIPE and SIGXFSZ at their defaults: ignoring is
+// inherited, a handler is not. The write at fault fails with EPIPE or EFBIG.
+void note_failed_write(int) {}
 
-void handle(int number, void (*handler)(int)) {
+void handle(int number, void (*handler)(int), int flags) {
     struct sigaction action = {};
     struct sigaction previous = {};
     action.sa_handler = handler;
     sigemptyset(&action.sa_mask);
-    // No SA_RESTART: a prompt or a delay waiting when the signal comes
-    // returns at once instead of holding the run.
-    action.sa_flags = 0;
+    action.sa_flags = flags;
     if (sigaction(number, nullptr, &previous) != 0 || previous.sa_handler == SIG_IGN) return;
     sigaction(number, &action, nullptr);
 }
@@ -42,8 +52,23 @@ void handle(int number, void (*handler)(int)) {
 }  // namespace
 
 void catch_stop_signals() {
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) handle(number, note_stop_signal);
-    handle(SIGPIPE, note_broken_pipe);
+    // No SA_RESTART for a stop: a prompt or a delay waiting when the signal
+    // comes returns at once instead of holding the run. A failed write is no
+    // reason to end a prompt's wait, so those restart.
+    for (const StopSignal& stop : kStopSignals) handle(stop.number, note_stop_signal, 0);
+    handle(SIGPIPE, note_failed_write, SA_RESTART);
+    handle(SIGXFSZ, note_failed_write, SA_RESTART);
+}
+
+int settled_stop_signal() {
+    if (settled < 0) settled = stop_signal;
+    return settled;
+}
+
+const char* stop_signal_name(int number) {
+    for (const StopSignal& stop : kStopSignals)
+        if (stop.number == number) return stop.name;
+    return "?";
 }
 
 bool checked_product(int64_t a, int64_t b, int64_t& product) {

@@ -71,17 +71,43 @@ bool stderr_is_terminal();
 // A "TTRACE" style line: written and flushed only while tracing (-t) is on.
 void ttrace(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// The signal (SIGINT, SIGTERM or SIGHUP) that asked the run to stop, 0
-// while none has. Its handler does nothing else: the batch runner looks
-// between lines, the menus between prompts and the data commands between
-// records, and the run then ends through its normal path, transcript
-// summary included, with exit status 128 + the signal.
+// The catchable signals whose default is to end the process: each asks the
+// run to stop instead (SIGPIPE and SIGXFSZ only make the write at fault fail).
+struct StopSignal {
+    int number;
+    const char* name;
+};
+inline constexpr StopSignal kStopSignals[] = {
+    {SIGHUP, "SIGHUP"},   {SIGINT, "SIGINT"},   {SIGQUIT, "SIGQUIT"},     {SIGTERM, "SIGTERM"},
+    {SIGUSR1, "SIGUSR1"}, {SIGUSR2, "SIGUSR2"}, {SIGALRM, "SIGALRM"},     {SIGVTALRM, "SIGVTALRM"},
+    {SIGPROF, "SIGPROF"}, {SIGPOLL, "SIGPOLL"}, {SIGPWR, "SIGPWR"},       {SIGSTKFLT, "SIGSTKFLT"},
+};
+
+// The signal that asked the run to stop, 0 while none has. Its handler
+// only notes it (and passes it on to a running system statement's
+// commands): the batch runner looks between lines, the menus between
+// prompts and the data commands between records, and the run then ends
+// through its normal path, transcript summary included, with exit status
+// 128 + the signal.
 extern volatile sig_atomic_t stop_signal;
 inline bool stop_requested() { return stop_signal != 0; }
 
-// Installs the stop handler for SIGINT, SIGTERM and SIGHUP (one ignored at
-// start, as under nohup, stays ignored) and keeps SIGPIPE from ending the
-// run: a closed standard output must never cost the transcript.
+// The process group of the commands a system statement is running, 0
+// while none runs: a stop signal is passed on to the whole group.
+extern volatile sig_atomic_t shell_group;
+
+// The stop signal the run ends with, decided once, at the first call (the
+// batch runner calls it where it writes the summary): a signal coming later
+// changes neither the transcript nor the exit status, so the two agree.
+int settled_stop_signal();
+
+// "SIGINT" and the like for a stop signal, "?" for any other number.
+const char* stop_signal_name(int number);
+
+// Installs the stop handler for every stop signal (one ignored at start, as
+// under nohup, stays ignored) and keeps SIGPIPE and SIGXFSZ from ending the
+// run: a closed standard output or a full file must never cost the
+// transcript; the write at fault fails instead.
 void catch_stop_signals();
 
 // Products of counts, sizes and offsets a script may set to anything.

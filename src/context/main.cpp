@@ -127,8 +127,9 @@ void keep_standard_streams_open() {
 }
 
 int exit_status() {
+    const int stopped_by = settled_stop_signal();
     if (output_lost()) return kExitOutputLost;
-    if (stop_signal != 0) return 128 + stop_signal;
+    if (stopped_by != 0) return 128 + stopped_by;
     return test_context.result_code;
 }
 

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "context/context.h"
+
 namespace {
 
 bool any_lost = false;
@@ -23,12 +25,10 @@ void tell_failure(OutputFile& file, int number) {
     fprintf(stderr, "tarnwick: cannot write file '%s': %s\n", file.name, strerror(number));
 }
 
-ssize_t read_output(void* cookie, char* buffer, size_t size) {
-    return read(static_cast<OutputFile*>(cookie)->descriptor, buffer, size);
-}
-
 // Once a write has failed every later one fails too: the file is cut at
-// the first loss rather than left with a hole that reads as complete.
+// the first loss rather than left with a hole that reads as complete. A
+// write to a pipe or FIFO whose reader takes nothing more blocks; a stop
+// signal ends that wait as a failed write, since nothing else would.
 ssize_t write_output(void* cookie, const char* buffer, size_t size) {
     auto* file = static_cast<OutputFile*>(cookie);
     size_t done = 0;
@@ -36,7 +36,7 @@ ssize_t write_output(void* cookie, const char* buffer, size_t size) {
         ssize_t n = write(file->descriptor, buffer + done, size - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
-        } else if (n < 0 && errno == EINTR) {
+        } else if (n < 0 && errno == EINTR && !stop_requested()) {
             continue;
         } else {
             tell_failure(*file, n < 0 ? errno : EIO);
@@ -47,13 +47,6 @@ ssize_t write_output(void* cookie, const char* buffer, size_t size) {
     return -1;
 }
 
-int seek_output(void* cookie, off64_t* position, int whence) {
-    off64_t at = lseek64(static_cast<OutputFile*>(cookie)->descriptor, *position, whence);
-    if (at == -1) return -1;
-    *position = at;
-    return 0;
-}
-
 int close_file(void* cookie) {
     auto* file = static_cast<OutputFile*>(cookie);
     if (close(file->descriptor) != 0) tell_failure(*file, errno);
@@ -62,15 +55,19 @@ int close_file(void* cookie) {
     return result;
 }
 
+// Written only, never read back nor positioned: a transcript or trace file
+// may as well be a pipe, a FIFO, a socket or a terminal. Opened for
+// reading too, a pipe would count the tool among its readers, and a reader
+// going away would never show as EPIPE.
 int open_flags(const char* mode) {
-    if (mode[0] == 'a') return O_RDWR | O_CREAT | O_APPEND;
-    return (mode[1] == '+' ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+    if (mode[0] == 'a') return O_WRONLY | O_CREAT | O_APPEND;
+    return O_WRONLY | O_CREAT | O_TRUNC;
 }
 
 FILE* wrap_output(int descriptor, const char* name, const char* mode) {
     auto* file = new OutputFile{descriptor, 0, {}};
     snprintf(file->name, sizeof file->name, "%s", name);
-    FILE* stream = fopencookie(file, mode, {read_output, write_output, seek_output, close_file});
+    FILE* stream = fopencookie(file, mode[0] == 'a' ? "a" : "w", {nullptr, write_output, nullptr, close_file});
     if (stream == nullptr) {
         int saved = errno;
         close(descriptor);

@@ -77,7 +77,7 @@ void add_timeline(Json& event, const TransferTiming& t) {
 
 const char* verdict(int exit_status) {
     if (output_lost()) return "output lost";
-    if (stop_signal != 0) return "stopped";
+    if (settled_stop_signal() != 0) return "stopped";
     switch (exit_status) {
         case 0: return "pass";
         case kResultCheckFailed: return "fail";

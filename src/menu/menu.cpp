@@ -81,8 +81,11 @@ void write_menu() {
 }
 
 // A stop signal answers no prompt: the menu then ends as at end of input.
+// One that came before the prompt (say Ctrl-C at a system statement's
+// command, which had the terminal) is not waited on.
 bool ask(const char* prompt) {
     printf("%s", prompt);
+    if (stop_requested()) return false;
     return read_answer_line(stdin, test_context.input_line, sizeof test_context.input_line) && !stop_requested();
 }
 

@@ -45,15 +45,6 @@ bool read_line(FILE* input, BatchLine& line) {
     return true;
 }
 
-const char* signal_name(int number) {
-    switch (number) {
-        case SIGINT: return "SIGINT";
-        case SIGTERM: return "SIGTERM";
-        case SIGHUP: return "SIGHUP";
-        default: return "?";
-    }
-}
-
 void write_banner(FILE* output) {
     const TestContext& c = test_context;
     fprintf(output, "Batch test begin at time %s\n", ctime_text(c.start_time));
@@ -162,11 +153,11 @@ void batch_test_menu() {
     }
 
     write_summary(output);
-    const int stopped_by = stop_signal;
+    const int stopped_by = settled_stop_signal();
     if (stopped_by != 0) {
-        fprintf(output, "Batch test stopped by signal %d (%s) \n", stopped_by, signal_name(stopped_by));
+        fprintf(output, "Batch test stopped by signal %d (%s) \n", stopped_by, stop_signal_name(stopped_by));
         printf("Test \"%s\" was stopped by signal %d (%s).\n", c.batch_input_file, stopped_by,
-               signal_name(stopped_by));
+               stop_signal_name(stopped_by));
     }
     if (c.result_code != 0) {
         if (c.failed_line > 0) {

@@ -91,7 +91,7 @@ void run_system(const char* line, FILE* stream) {
         return;
     }
     fprintf(stream, "system (%s) \n", command);
-    const int status = std::system(command);
+    const int status = run_shell_command(command);
     fprintf(stream, "command returned rc %d \n", status);
     if (status == -1) {
         const int number = errno;

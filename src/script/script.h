@@ -64,6 +64,11 @@ int32_t decimal_value(const char* text, int32_t length);
 
 void execute_delay(FILE* stream, int32_t seconds);
 
+// Runs command with /bin/sh -c in a process group of its own and waits for
+// it; every stop signal meanwhile is passed on to the whole group. Returns
+// the wait status as system() does, -1 (errno set) when no shell started.
+int run_shell_command(const char* command);
+
 void batch_test_menu();
 // Counts one more batch line in line_number; false, the count unchanged,
 // once it has reached INT32_MAX.

@@ -29,8 +29,9 @@ struct Menu {
     // One typed line is one answer, as at the manual test menu: the tail of
     // a long file name can never be taken as the next selection (a tail of
     // "23" would clear the driver's trace table). End of input, or a stop
-    // signal, answers no prompt, so every caller leaves the menu on false.
-    bool read_line() { return read_answer_line(in, line, sizeof line) && !stop_requested(); }
+    // signal, answers no prompt (one that came before the prompt is not
+    // waited on), so every caller leaves the menu on false.
+    bool read_line() { return !stop_requested() && read_answer_line(in, line, sizeof line) && !stop_requested(); }
     Next read_or_leave() { return read_line() ? Next::stay : Next::leave; }
     bool line_empty() const { return line[0] == '\n' || line[0] == '\0'; }
     long answer_number() const { return strtol(line, nullptr, 10); }

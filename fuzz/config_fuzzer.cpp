@@ -1,0 +1,25 @@
+// libFuzzer target over the simulator's topology files: whatever the text,
+// parsing ends without a fault, and a topology it accepts makes a state
+// that passes every state check.
+#include <stdlib.h>
+
+#include <cstring>
+#include <string>
+
+#include "driver.h"
+
+using namespace vpathsim;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Topology topology = default_topology();
+    std::string error;
+    if (!parse_config(std::string(reinterpret_cast<const char*>(data), size), &topology, &error)) return 0;
+    static SharedState state;
+    std::memset(&state, 0, sizeof state);
+    std::memcpy(state.magic, kStateMagic, sizeof kStateMagic);
+    state.version = kStateVersion;
+    state.size = sizeof state;
+    state.topology = topology;
+    if (!check_state(state).empty()) abort();
+    return 0;
+}
