@@ -60,9 +60,12 @@ bool parse_size(const std::string& text, uint64_t* out) {
         case 'K': case 'k': shift = 10; ++end; break;
         case 'M': case 'm': shift = 20; ++end; break;
         case 'G': case 'g': shift = 30; ++end; break;
+        case 'T': case 't': shift = 40; ++end; break;
         default: return false;
     }
-    if (*end != '\0' || value == 0 || value > (1ull << 40) >> shift) return false;
+    // Past 2^31 sectors (1 TiB) so that large-device tests have room; 8 TiB
+    // is still a sparse file ext4 and tmpfs take.
+    if (*end != '\0' || value == 0 || value > (1ull << 43) >> shift) return false;
     value <<= shift;
     if (value % kSectorSize != 0) return false;
     *out = value;
@@ -92,7 +95,7 @@ bool device_key(DeviceConfig& device, const std::string& key, const std::string&
         if (!parse_int(value, 1, 8, &number)) return *error = "controllers must be 1 to 8", false;
         device.controllers = static_cast<int32_t>(number);
     } else if (key == "size") {
-        if (!parse_size(value, &device.size)) return *error = "bad size (a multiple of 512, K/M/G allowed)", false;
+        if (!parse_size(value, &device.size)) return *error = "bad size (a multiple of 512 up to 8T, K/M/G/T allowed)", false;
     } else if (key == "devtype") {
         if (!parse_int(value, 0, 255, &number)) return *error = "devtype must be 0 to 255", false;
         device.inquiry[0] = static_cast<uint8_t>(number);

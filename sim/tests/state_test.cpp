@@ -19,7 +19,7 @@ namespace {
 std::string repeat(const std::string& text, int times) { return times > 0 ? text + repeat(text, times - 1) : ""; }
 
 TEST(Config, NonsenseIsRefusedWithItsLine) {
-    const std::string ad = "adapter a\ndevice", size = "line 2: bad size (a multiple of 512, K/M/G allowed)";
+    const std::string ad = "adapter a\ndevice", size = "line 2: bad size (a multiple of 512 up to 8T, K/M/G/T allowed)";
     const std::pair<std::string, std::string> cases[] = {
         {"", "no device declared"}, {ad + "\n", "device 0 has no path"},
         {"path p adapter=0\n", "line 1: path before any device"},
