@@ -3,7 +3,8 @@
 # whose policy keeps to one path (path 0), the path fails with every record
 # in flight on it (1 ms each); each waits the failover delay (200 ms)
 # before its retry, so no record completes for the delay and a service
-# time. stall_us must say so within a tolerance for a busy machine.
+# time. stall_us must say so within a tolerance for a busy machine, and the
+# latencies the service time and the delay.
 # Skipped (77) where the tool has no records in flight or the simulator no
 # failover delay.   stall.sh TARNWICK VPATHSIM
 set -eu
@@ -38,4 +39,8 @@ data = [e for e in map(json.loads, open("stall.jsonl")) if e["event"] == "data"]
 stall = data[0]["stall_us"]
 if not 200000 <= stall <= 300000:
     sys.exit(f"stall_us {stall}, expected the 200 ms delay and a 1 ms service time, within 100 ms")
+# Each record's latency is timed from its issue at depth too: no record
+# takes less than the service time, and those retried take the delay more.
+if data[0]["lat_min_us"] < 1000 or data[0]["lat_max_us"] < 200000:
+    sys.exit(f"latencies {data[0]['lat_min_us']} to {data[0]['lat_max_us']} us, expected 1 ms to past 200 ms")
 EOF2
