@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "context/context.h"
+#include "device/executor.h"
 #include "script/script.h"
 
 namespace {
@@ -20,28 +21,21 @@ constexpr int32_t kMaxRecords = 16;
 FILE* scratch = nullptr;
 int device = -1;
 
-bool acceptable(std::string_view line) {
+bool acceptable(const char* line, std::size_t length) {
+    const std::string_view text(line, length);
     for (std::string_view banned : {"system", "pause", "delay", "buffer"}) {
-        if (line.find(banned) != std::string_view::npos) return false;
+        if (text.find(banned) != std::string_view::npos) return false;
     }
-    std::string_view tokens[kMaxTokens + 1];
-    int count = 0;
-    auto separator = [](char c) { return static_cast<signed char>(c) <= 32; };
-    for (std::size_t i = 0; i < line.size() && count <= kMaxTokens;) {
-        while (i < line.size() && separator(line[i])) ++i;
-        std::size_t start = i;
-        while (i < line.size() && !separator(line[i])) ++i;
-        if (i > start) tokens[count++] = line.substr(start, i - start);
-    }
-    // The count of every data command sits three tokens after its name; read
-    // it as the command executor does.
+    // The count of every data command sits three tokens after its name;
+    // tokens and count are read as the runner and the executor read them.
+    TokenList tokens{};
+    int32_t command = -1, result = -1, statement = -1;
+    StatementKind kind{};
+    const int count = parse(line, scratch, tokens, command, result, statement, kind);
     for (int i = 0; i + 4 < count; ++i) {
-        if (tokens[i] != "command") continue;
-        std::string_view value = tokens[i + 4];
-        const bool negative = value[0] == '-';
-        uint32_t n = 0;
-        for (char c : value.substr(negative ? 1 : 0)) n = n * 10 + static_cast<uint32_t>(c - '0');
-        if (value == "*" || static_cast<int32_t>(negative ? 0U - n : n) > kMaxRecords) return false;
+        if (token_text(line, tokens, i) != "command") continue;
+        const std::string_view value = token_text(line, tokens, i + 4);
+        if (value == "*" || parse_count(value) > kMaxRecords) return false;
     }
     return true;
 }
@@ -63,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (; length < size && length < kInputLineSize - 1 && data[length] != '\n' && data[length] != 0; ++length) {
         line[length] = static_cast<char>(data[length]);
     }
-    if (!acceptable(std::string_view(line, length))) return -1;
+    if (!acceptable(line, length)) return -1;
     if (device < 0 || fcntl(device, F_GETFD) == -1) {  // closed by the last input
         char name[] = "/tmp/tarnwick-fuzz-device.XXXXXX";
         if ((device = mkstemp(name)) < 0) perror("mkstemp"), abort();

@@ -1,8 +1,13 @@
 #!/bin/sh
-# The installed tree works on its own: installed into a temporary prefix and
-# moved (the programs find what they need relative to themselves), it runs
-# an example with the build tree hidden (an empty tmpfs over it, in a user
-# and mount namespace, where the system allows one).   install.sh BUILD_DIR
+# The installed tree and the Debian package. Installed into a temporary
+# prefix and moved (the programs find what they need relative to
+# themselves), the tree holds every program, the preload library, the manual
+# pages, the documents and the examples; it runs an example with the build
+# tree hidden (an empty tmpfs over it, in a user and mount namespace, where
+# the system allows one), its checker finds the programs beside it, and
+# without its library vpathsim says so. The package (where cpack and dpkg-deb
+# are) holds the same files under /usr, names the libraries it needs, and
+# runs the demo unpacked.   install.sh BUILD_DIR
 set -eu
 if [ "${1:-}" = --run-example ]; then
     cd "$3"
@@ -15,20 +20,44 @@ build=$(cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "install test: $*" >&2; exit 1; }
+cat > "$work/expected" << 'LIST'
+bin/tarnwick
+bin/tarnwick-check
+bin/tarnwick-plot
+bin/vpathsim
+lib/libvpathsim_preload.so
+share/doc/tarnwick/README.md
+share/doc/tarnwick/examples/demo.tw
+share/doc/tarnwick/examples/failover-adapter-midread.tw
+share/doc/tarnwick/examples/failover-adapter.tw
+share/doc/tarnwick/examples/failover-flaky.tw
+share/doc/tarnwick/examples/failover-lastpath.tw
+share/doc/tarnwick/examples/failover-midwrite.tw
+share/doc/tarnwick/examples/failover-path.tw
+share/doc/tarnwick/examples/failover-silent.tw
+share/doc/tarnwick/examples/inquiry-branch.tw
+share/doc/tarnwick/examples/integrity-sweep.tw
+share/doc/tarnwick/examples/statistics.tw
+share/doc/tarnwick/golden.md
+share/doc/tarnwick/language.md
+share/doc/tarnwick/simulator.md
+share/man/man1/tarnwick-check.1
+share/man/man1/tarnwick-plot.1
+share/man/man1/tarnwick.1
+share/man/man1/vpathsim.1
+LIST
 
 cmake --install "$build" --prefix "$work/first" > /dev/null
 p=$work/prefix
 mv "$work/first" "$p"
-lib=$(find "$p" -name libvpathsim_preload.so)
-for file in bin/tarnwick bin/vpathsim bin/tarnwick-check share/man/man1/tarnwick.1 share/man/man1/vpathsim.1 \
-    share/man/man1/tarnwick-check.1 share/doc/tarnwick/language.md share/doc/tarnwick/simulator.md \
-    share/doc/tarnwick/golden.md share/doc/tarnwick/examples/failover-midwrite.tw
-do [ -e "$p/$file" ] || fail "$file not installed"; done
+(cd "$p" && find . ! -type d | sed 's|^\./||' | sort) > "$work/files"
+diff -u "$work/expected" "$work/files" || fail "the installed files differ from the list"
+lib=$p/lib/libvpathsim_preload.so
 
 # The library vpathsim preloads is the installed one.
 unset VPATHSIM_LIB VPATHSIM_STATE VPATHSIM_CONFIG
 chosen=$("$p/bin/vpathsim" run -- sh -c 'echo "$LD_PRELOAD"')
-[ -n "$lib" ] && [ "$chosen" = "$lib" ] || fail "vpathsim preloads '$chosen'"
+[ "$chosen" = "$lib" ] || fail "vpathsim preloads '$chosen'"
 
 if unshare -rm true 2> /dev/null; then
     unshare -rm sh -c 'mount -t tmpfs none "$1" && [ -z "$(ls -A "$1")" ] && exec "$2" --run-example "$3" "$4"' \
@@ -45,3 +74,19 @@ env -u TARNWICK -u VPATHSIM "$p/bin/tarnwick-check" "$work/found.case" || fail "
 rm "$lib"
 if "$p/bin/vpathsim" run -- true 2> "$work/err"; then fail "vpathsim ran without its library"; fi
 grep -q "libvpathsim_preload.so is neither in" "$work/err" || fail "no word about the missing library: $(cat "$work/err")"
+
+command -v dpkg-deb > /dev/null && command -v cpack > /dev/null || exit 0
+cpack -G DEB -B "$work" --config "$build/CPackConfig.cmake" -D CPACK_DEBIAN_COMPRESSION_TYPE=gzip > "$work/log" ||
+    fail "cpack failed: $(cat "$work/log")"
+deb=$(ls "$work"/tarnwick_*.deb)
+dpkg-deb -c "$deb" | sed -n 's|.* \./usr/\(.*[^/]\)$|\1|p' | sort > "$work/files"
+diff -u "$work/expected" "$work/files" || fail "the package's files differ from the list"
+depends=$(dpkg-deb -f "$deb" Depends)
+for need in libc6 libstdc++6 libgcc-s1; do
+    case "$depends" in *"$need"*) ;; *) fail "Depends lacks $need: $depends" ;; esac
+done
+dpkg-deb -x "$deb" "$work/root"
+cd "$work"
+"$work/root/usr/bin/vpathsim" run -- "$work/root/usr/bin/tarnwick" \
+    -f "$work/root/usr/share/doc/tarnwick/examples/demo.tw" -o demo.out > /dev/null ||
+    fail "the packaged demo failed: $(tail -3 demo.out)"
