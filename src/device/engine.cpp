@@ -56,7 +56,6 @@ public:
         last_timing = TransferTiming{};
         last_timing.command = job.command;
         last_timing.depth = job.depth;
-        timing_start_clock();
         start_ns_ = timing_now_ns();
     }
     ~TimingLog() {

@@ -27,9 +27,6 @@ extern bool timing_wanted;
 // The most recent data command's timing; reset when a data command starts.
 extern TransferTiming last_timing;
 
-// A monotonic clock in nanoseconds, cheap enough to read twice a record
-// from any thread once timing_start_clock has run (CLOCK_MONOTONIC before).
+// A monotonic clock in nanoseconds, cheap enough to read twice a record,
+// from any thread.
 int64_t timing_now_ns();
-// Chooses and calibrates the clock; call from one thread before the first
-// data command whose timing is wanted. Later calls do nothing.
-void timing_start_clock();
