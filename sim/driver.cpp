@@ -144,6 +144,7 @@ bool Sim::attach(const std::string& dir, const std::string& config, std::string*
 
 // Not through lock(): the state being replaced need not pass its checks.
 bool Sim::reset(const Topology& topology, std::string* error) {
+    thread_lock_.lock();
     while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {}
     struct stat info {};
     bool whole = fstat(fd_, &info) == 0 && info.st_size >= static_cast<off_t>(sizeof(SharedState));
