@@ -111,7 +111,10 @@ RecordResult transfer(const IoOperations& ops, const EngineJob& job, const Engin
         job.direction == Direction::read
             ? ops.read(job.stream, job.descriptor, address, record.size, record.offset)
             : ops.write(job.stream, job.descriptor, address, record.size, record.offset);
-    return {moved.value, moved.error_number, false};
+    // pread and pwrite position as they move: on a descriptor that cannot
+    // seek (a FIFO), ESPIPE is the seek that lseek makes fail at depth 1.
+    const bool unseekable = ops.threaded && moved.failed() && moved.error_number == ESPIPE;
+    return {moved.value, moved.error_number, unseekable};
 }
 
 // One record at a time, through the home buffer, on this thread.
