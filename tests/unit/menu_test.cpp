@@ -1,11 +1,7 @@
-// The statement each menu selection builds from its answers, read from the
-// -t line that hands it to process() (menu/statements.case shows that frame):
-// %d fields keep the low 32 bits, %ld fields the whole answer, a two-way
-// choice sends the whole answer once its first character is 1 or 2.
+// The statement each menu selection builds from its answers, as -t shows it
+// handed to process() (menu/statements.case shows that frame): %d fields keep
+// the low 32 bits, %ld fields the whole answer, a two-way choice the whole answer.
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "context/context.h"
 #include "menu/menu.h"
@@ -17,15 +13,13 @@ std::vector<std::string> statements_built(const std::string& answers) {
     reset_test_context();
     test_context.trace = 1;
     CapturedStream screen;
-    FILE* typed = fmemopen(const_cast<char*>(answers.data()), answers.size(), "r");
-    FILE *saved_in = stdin, *saved_out = stdout;
+    FILE *typed = fmemopen(const_cast<char*>(answers.data()), answers.size(), "r"), *in = stdin, *out = stdout;
     stdin = typed, stdout = screen.stream;
     manual_test_menu();
-    stdin = saved_in, stdout = saved_out;
-    fclose(typed);
+    stdin = in, stdout = out, fclose(typed);
     const std::string text = screen.text(), mark = "TTRACE: process entered (";
     std::vector<std::string> found;
-    for (auto at = text.find(mark); at != std::string::npos; at = text.find(mark, at + 1)) {
+    for (auto at = text.find(mark); at != std::string::npos; at = text.find(mark, at)) {
         at += mark.size();
         found.push_back(text.substr(at, text.find(").\n", at) - at));
     }
