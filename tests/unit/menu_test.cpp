@@ -7,11 +7,8 @@
 #include "menu/menu.h"
 #include "support.h"
 
-namespace {
-
-std::vector<std::string> statements_built(const std::string& answers) {
-    reset_test_context();
-    test_context.trace = 1;
+static std::vector<std::string> statements_built(const std::string& answers) {
+    reset_test_context(), test_context.trace = 1;
     CapturedStream screen;
     FILE *typed = fmemopen(const_cast<char*>(answers.data()), answers.size(), "r"), *in = stdin, *out = stdout;
     stdin = typed, stdout = screen.stream;
@@ -55,5 +52,3 @@ TEST(Menu, EachSelectionBuildsItsStatement) {
         EXPECT_EQ(statements_built(c.answers), std::vector<std::string>{c.statement});
     }
 }
-
-}  // namespace
