@@ -13,7 +13,7 @@ static std::vector<std::string> statements_built(const std::string& answers) {
     FILE *typed = fmemopen(const_cast<char*>(answers.data()), answers.size(), "r"), *in = stdin, *out = stdout;
     stdin = typed, stdout = screen.stream;
     manual_test_menu();
-    stdin = in, stdout = out, fclose(typed);
+    stdin = in, stdout = out, fclose(typed), reset_test_context();  // no trace left on for other tests
     const std::string text = screen.text(), mark = "TTRACE: process entered (";
     std::vector<std::string> found;
     for (auto at = text.find(mark); at != std::string::npos; at = text.find(mark, at)) {
