@@ -1,7 +1,6 @@
-// Each code of a driver reply or request as the commands name it: the policy
-// of a device's state, the state set, the status of a refused request. A wrong
-// keyword is quoted from that token on (empty where one is missing) and the
-// request still goes out.
+// Each code as the driver commands name it: a device's policy, the state set, a
+// refused request's status; a wrong keyword is quoted from that token on (empty
+// where one is missing), and the request still goes out.
 #include <gtest/gtest.h>
 
 #include "driver/driver.h"
@@ -39,14 +38,12 @@ TEST(DriverReply, NamesEachCode) {
         Statement statement(std::string("command ") + c.line);
         CapturedStream out;
         CommandOutcome outcome{};
-        {
-            ScopedFakeIoctl fake([&](int, unsigned long, void* record) {
-                *static_cast<int32_t*>(record) = c.status;
-                if (c.policy) static_cast<DeviceStateRecord*>(record)->policy = c.policy;
-                return c.status == kStatusSuccess ? 0 : -1;
-            });
-            c.command(out.stream, statement.clause(), outcome);
-        }
+        ScopedFakeIoctl fake([&](int, unsigned long, void* record) {
+            *static_cast<int32_t*>(record) = c.status;
+            if (c.policy) static_cast<DeviceStateRecord*>(record)->policy = c.policy;
+            return c.status == kStatusSuccess ? 0 : -1;
+        });
+        c.command(out.stream, statement.clause(), outcome);
         EXPECT_NE(out.text().find(c.shown), std::string::npos) << out.text();
     }
     test_context.result_code = 0;  // the wrong keywords marked the run as failed
