@@ -23,8 +23,7 @@ protected:
         ASSERT_TRUE(sim_.set_latency(0, latency_us, &error_)) << error_;
         ASSERT_TRUE(sim_.set_failover_delay(0, delay_ms, &error_)) << error_;
     }
-    // Two writes from threads of their own (onto paths 1 and 2); the fault
-    // strikes with both in flight.
+    // Two writes from threads of their own (paths 1 and 2), then the fault.
     std::vector<ssize_t> fly(FaultKind fault) {
         std::vector<ssize_t> results(2);
         std::vector<std::thread> threads;
@@ -42,9 +41,9 @@ protected:
     Sim sim_;
 };
 
-// flock() alone would let the threads of one process in together: every
-// transfer of four threads in each of two processes is counted, round robin
-// spreads them evenly, and with a service time they overlap.
+// flock() alone would let one process's threads in together: every transfer
+// of four threads in each of two processes is counted, spread evenly, and
+// with a service time they overlap.
 TEST_F(Depth, ThreadsAndProcessesLoseNoCounts) {
     const auto work = [](Sim& sim) {
         std::vector<std::thread> threads;
@@ -78,8 +77,7 @@ TEST_F(Depth, ThreadsAndProcessesLoseNoCounts) {
     }
 }
 
-// What the golden cases cannot time: a request of a failed path waits out
-// the failover delay before its retry (a service time on either side); and
+// A request of a failed path waits out the failover delay before its retry;
 // with no path left every request in flight fails with EIO.
 TEST_F(Depth, FailoverDelayThenRetryOrEio) {
     set(100000, 300);

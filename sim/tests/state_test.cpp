@@ -1,6 +1,5 @@
-// The simulator's own state: a topology file with nonsense is refused with
-// its line, corrupt state is refused rather than trusted (concurrent updates:
-// depth_test). What the driver answers is proved by the golden cases.
+// A topology file with nonsense is refused with its line; corrupt state is
+// refused rather than trusted (concurrent updates: depth_test).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -54,11 +53,9 @@ protected:
     std::string dir_ = mkdtemp(pattern_);
 };
 
-// Each hostile value in a state (an unterminated name, a count later used
-// as a bound or a loop limit, a fault naming what the topology lacks) is
-// refused with the file and the field, by a program attaching and by one
-// already using the state (its requests then fail with EIO): nothing is
-// rebuilt. The golden cases show the same for a state cut short.
+// Each hostile value (an unterminated name, a count later used as a bound,
+// a fault naming what the topology lacks) is refused with the file and the
+// field, by a program attaching and by one already attached (EIO).
 TEST_F(State, CorruptStateIsRefused) {
     using S = SharedState;
     using Corruption = std::pair<std::function<void(S&)>, std::string>;
