@@ -1,14 +1,17 @@
-// The simulator's own state: a topology file with nonsense is refused with
-// its line, corrupt state is refused rather than trusted (concurrent updates:
-// depth_test). What the driver answers is proved by the golden cases.
+// The simulator's shared state where a transcript cannot reach: a topology
+// with nonsense refused with its line, hostile values in a state refused
+// rather than trusted, threads and processes at once, timings, dead slots.
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
-#include <functional>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "driver.h"
 
@@ -44,21 +47,35 @@ TEST(Config, NonsenseIsRefusedWithItsLine) {
 
 class State : public ::testing::Test {
 protected:
+    void SetUp() override { ASSERT_TRUE(sim_.attach(dir_, "", &error_)) << error_; }
     void TearDown() override { std::filesystem::remove_all(dir_); }
-    Sim& attach(Sim& sim) {
-        std::string error;
-        EXPECT_TRUE(sim.attach(dir_, "", &error)) << error;
-        return sim;
+    void set(long long latency_us, long long delay_ms = 0) {
+        ASSERT_TRUE(sim_.set_latency(0, latency_us, &error_)) << error_;
+        ASSERT_TRUE(sim_.set_failover_delay(0, delay_ms, &error_)) << error_;
     }
-    char pattern_[26] = "/tmp/vpathsim-test.XXXXXX";
-    std::string dir_ = mkdtemp(pattern_);
-};
+    // Two writes from threads of their own (paths 1 and 2), then the fault.
+    std::vector<ssize_t> fly(FaultKind fault) {
+        std::vector<ssize_t> results(2);
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < results.size(); ++i) {
+            threads.emplace_back([&, i] { results[i] = sim_.transfer(0, true, 0, 512, [] { return ssize_t{512}; }); });
+            while (sim_.in_flight(0) <= static_cast<int>(i)) std::this_thread::yield();
+        }
+        EXPECT_TRUE(sim_.arm({fault, 0, 1, 0, 0, false}, &error_)) << error_;
+        for (auto& thread : threads) thread.join();
+        return results;
+    }
 
-// Each hostile value in a state (an unterminated name, a count later used
-// as a bound or a loop limit, a fault naming what the topology lacks) is
-// refused with the file and the field, by a program attaching and by one
-// already using the state (its requests then fail with EIO): nothing is
-// rebuilt. The golden cases show the same for a state cut short.
+    char pattern_[26] = "/tmp/vpathsim-test.XXXXXX";
+    std::string dir_ = mkdtemp(pattern_), error_;
+    Sim sim_;
+};
+class Depth : public State {};  // the thread tests, run under ThreadSanitizer too
+
+// Each hostile value (an unterminated name, a count later used as a bound,
+// a fault or a request in flight naming what the topology lacks) is refused
+// with the file and the field, by a program attaching and by one already
+// attached (EIO).
 TEST_F(State, CorruptStateIsRefused) {
     using S = SharedState;
     using Corruption = std::pair<std::function<void(S&)>, std::string>;
@@ -76,19 +93,83 @@ TEST_F(State, CorruptStateIsRefused) {
         {[](S& s) { s.faults.scheduled_count = 1, s.faults.scheduled[0] = {kFaultFailPath, 0, {}, 1, 4, 0, 9, 9}; },
          "faults: a scheduled fault names what the topology lacks"},
         {[](S& s) { s.version = 1; }, "version: 1, this vpathsim keeps " + std::to_string(kStateVersion)},
+        {[](S& s) { s.flight.timing[3].latency_us = kMaxLatencyUs + 1; }, "flight: a request in flight names what the topology lacks, or a timing out of range"},
+        {[](S& s) { s.flight.slots[7].state = kSlotStates; }, "flight: a request in flight names what the topology lacks, or a timing out of range"},
+        {[](S& s) { s.flight.slots[7] = {kSlotOnPath, 0, 2, 0, 0, 1, 1, 0, 512}; }, "flight: a request in flight names what the topology lacks, or a timing out of range"},  // no vpath2
     };
     for (const auto& [corrupt, field] : corruptions) {
         Sim sim, other;
-        corrupt(*attach(sim).state());
-        std::string error;
-        EXPECT_FALSE(other.attach(dir_, "", &error));
-        EXPECT_EQ(error, dir_ + "/state: " + field + " (vpathsim init starts it over)");
+        ASSERT_TRUE(sim.attach(dir_, "", &error_)) << error_;
+        corrupt(*sim.state());
+        EXPECT_FALSE(other.attach(dir_, "", &error_));
+        EXPECT_EQ(error_, dir_ + "/state: " + field + " (vpathsim init starts it over)");
         DeviceCountRecord count{};
         errno = 0;
         EXPECT_EQ(sim.request(DD_GET_NUMBER_DEVICES, &count), -1);
         EXPECT_EQ(errno, EIO);
         std::filesystem::remove(dir_ + "/state");
     }
+}
+
+// flock() alone would let one process's threads in together: every transfer
+// of four threads in each of two processes is counted, spread evenly, and
+// with a service time they overlap.
+TEST_F(Depth, ThreadsAndProcessesLoseNoCounts) {
+    const auto work = [](Sim& sim) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&] {
+                for (int i = 0; i < 1000; ++i) sim.transfer(0, false, 0, 512, [] { return ssize_t{512}; });
+            });
+        for (auto& thread : threads) thread.join();
+    };
+    for (long long latency : {0, 200}) {
+        ASSERT_TRUE(sim_.reset(default_topology(), &error_)) << error_;
+        set(latency);
+        const pid_t child = fork();
+        if (child == 0) {  // no gtest in the child
+            Sim own;
+            std::string error;
+            if (!own.attach(dir_, "", &error)) _exit(1);
+            work(own);
+            _exit(0);
+        }
+        work(sim_);
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        DeviceStatsRecord stats{};
+        ASSERT_EQ(sim_.request(DD_GET_DEV_STATS, &stats), 0);
+        EXPECT_EQ(stats.io.total_read, 8000u);
+        EXPECT_EQ(stats.io.active_read, 0u);
+        EXPECT_EQ(stats.io.maximum > 1, latency > 0) << stats.io.maximum;
+        for (int p = 0; p < 4; ++p) EXPECT_EQ(sim_.state()->devices[0].paths[p].times_used, 2000) << "path " << p;
+    }
+}
+
+// A request of a failed path waits out the failover delay before its retry;
+// with no path left every request in flight fails with EIO.
+TEST_F(Depth, FailoverDelayThenRetryOrEio) {
+    set(100000, 300);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(fly(kFaultFailPath), std::vector<ssize_t>(2, 512));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(sim_.state()->devices[0].paths[1].recovered_errors, 1);
+    sim_.restore();
+    EXPECT_EQ(fly(kFaultFailDevice), std::vector<ssize_t>(2, -1));
+    EXPECT_EQ(sim_.in_flight(0), 0);
+}
+
+// A full table of slots left by a process that died mid-transfer is taken
+// back.
+TEST_F(Depth, TableSurvivesDeadProcesses) {
+    pid_t dead = fork();
+    if (dead == 0) _exit(0);
+    ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+    for (InFlight& slot : sim_.state()->flight.slots) slot = {kSlotOnPath, 1, 0, 0, 0, dead, 1, 0, 512};
+    set(1000);
+    EXPECT_EQ(sim_.transfer(0, true, 0, 512, [] { return ssize_t{512}; }), 512);
+    EXPECT_EQ(sim_.in_flight(0), 0);
 }
 
 }  // namespace
