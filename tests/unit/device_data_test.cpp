@@ -1,19 +1,16 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <vector>
 
 #include "context/context.h"
 #include "device/generator.h"
 #include "support.h"
 
-// A scratch file of 1001 sectors opened as the device, variables at their
-// start values (block_max 1000: every random sector lies inside the file).
+// A scratch file of 1001 sectors as the device (block_max 1000: every random sector lies inside it).
 struct ScratchDevice {
     char path[32] = "/tmp/tarnwick-data-XXXXXX";
     ScratchDevice() {
@@ -31,33 +28,21 @@ static CommandOutcome run(const char* clause, FILE* stream) {
     return outcome;
 }
 
-static std::vector<int> library_values(uint32_t seed, size_t n) {
-    srand(seed);
-    std::vector<int> v(n);
-    for (int& x : v) x = rand();
-    return v;
-}
-
-// Records verify, and random sectors repeat, only while the tool's generator
-// gives what glibc's srand/rand give: seeds where the seeding arithmetic
-// changes (0, 2^31 - 1 and its double, the sign bit), and 3000 spread ones.
-TEST(Generator, RunningSequenceAndSeededBytesMatchTheLibrary) {
+// Records verify, and random sectors repeat, only while the tool's generator gives what glibc's
+// srand/rand give: seeds where the seeding arithmetic changes (0, 2^31 - 1 and its double, the
+// sign bit), 3000 spread ones, and the running sequence after each data command's draws.
+TEST(Generator, FollowsTheLibrary) {
     std::vector<uint32_t> seeds = {0u, 1u, 127773u, 2147483646u, 2147483647u, 2147483648u, 4294967294u, 4294967295u};
     for (uint32_t i = 0; i < 3000; ++i) seeds.push_back(i * 1431655u + i * i * 7919u);
-    std::vector<int> running(3000);
-    std::vector<uint8_t> seeded(kSeededBytes);
+    uint8_t seeded[kSeededBytes];
     for (uint32_t seed : seeds) {
-        seed_running_sequence(seed);
-        for (int& v : running) v = next_running_value();
-        ASSERT_EQ(running, library_values(seed, running.size())) << seed;
-        seeded_low_bytes(seed, seeded.data());
-        for (int i = 0; i < kSeededBytes; ++i) ASSERT_EQ(seeded[i], static_cast<uint8_t>(running[i])) << seed;
+        seed_running_sequence(seed), seeded_low_bytes(seed, seeded), srand(seed);
+        for (int i = 0; i < 3000; ++i) {
+            const int value = rand();
+            ASSERT_EQ(next_running_value(), value) << seed;
+            ASSERT_TRUE(i >= kSeededBytes || seeded[i] == static_cast<uint8_t>(value)) << seed << " " << i;
+        }
     }
-}
-
-// The data commands' draws modelled with srand/rand: the running sequence
-// after them, and so every later random sector, is the library's.
-TEST(Generator, RunningSequenceAfterDataCommandsFollowsTheLibrary) {
     ScratchDevice device;
     CapturedStream out;
     block_max = 100;
@@ -75,8 +60,8 @@ TEST(Generator, RunningSequenceAfterDataCommandsFollowsTheLibrary) {
     for (int r = 0; r < 3000; ++r) ASSERT_EQ(next_running_value(), rand()) << r;
 }
 
-// `set buffer` refuses an address inside the tool's own writable memory,
-// which lies elsewhere on every run: no transcript can name it.
+// `set buffer` refuses an address inside the tool's own writable memory, which lies elsewhere on
+// every run: no transcript can name it.
 TEST(BufferAddress, OwnWritableMemoryIsRefused) {
     int on_stack = 0;
     const uint64_t own = reinterpret_cast<uintptr_t>(&test_context);
@@ -85,21 +70,17 @@ TEST(BufferAddress, OwnWritableMemoryIsRefused) {
         {reinterpret_cast<uintptr_t>(&on_stack), 1, true}, {own - 4096, kIoBufferSize, true},  // ends inside
         {4096, 4096, false}, {UINT64_MAX - 10, 100, false}};  // wraps: clamped, nothing mapped there
     for (const auto& c : cases) EXPECT_EQ(address_in_writable_memory(c.address, c.length), c.inside) << c.address;
-    // set buffer refuses one and says so (the address changes from run to run: no golden case shows it)
-    char line[64], message[96];
-    snprintf(line, sizeof line, "set buffer = %lu", static_cast<unsigned long>(own));
-    snprintf(message, sizeof message, "The buffer address %lx lies in the tool's own memory, not set.\n",
-             static_cast<unsigned long>(own));
-    const Statement set(line);
+    char message[96];
+    snprintf(message, sizeof message, "The buffer address %lx lies in the tool's own memory, not set.\n", own);
+    const Statement set("set buffer = " + std::to_string(own));
     CapturedStream out;
     execute_set(set.text.c_str(), out.stream, set.tokens, 1, set.count - 1);
     EXPECT_EQ(out.text(), message);
     EXPECT_EQ(test_context.buffer_override_armed, 0);
 }
 
-// The block layer's answers make the capacity record (big-endian highest LBA,
-// block length) and device_capacity's variables; a refused or senseless
-// answer fails the command and leaves the variables alone.
+// The block layer's answers make the capacity record (big-endian highest LBA, block length) and
+// device_capacity's variables; a refused or senseless answer fails and leaves the variables alone.
 TEST(DeviceCapacity, FromTheBlockSizeRequests) {
     constexpr uint64_t kTiB = 1ull << 40;
     const struct { int size_errno; uint64_t bytes; int block_errno, block; const char* record; int64_t block_max; } cases[] = {
@@ -131,7 +112,7 @@ TEST(DeviceCapacity, FromTheBlockSizeRequests) {
     test_context.device_handle = -1;
 }
 
-// SIGINT raised as the first record's report line is taken.
+// SIGINT raised as the first record's report line is taken ends each transfer at that record.
 TEST(StopSignal, EndsEachTransferAtItsRecordBoundary) {
     ScratchDevice device;
     catch_stop_signals();
@@ -140,8 +121,7 @@ TEST(StopSignal, EndsEachTransferAtItsRecordBoundary) {
     setvbuf(stopping, nullptr, _IONBF, 0);
     for (const char* clause : {"write records = 5", "read records = 5", "read_verify records = 5",
                                "random_write blocks = 5", "random_read blocks = 5"}) {
-        stop_signal = 0;
-        block_seek = 0;
+        stop_signal = 0, block_seek = 0;
         const double before = test_context.bytes_transferred;
         const int32_t rc = run(clause, stopping).return_code;
         EXPECT_EQ(stop_signal, SIGINT) << clause;
@@ -152,7 +132,8 @@ TEST(StopSignal, EndsEachTransferAtItsRecordBoundary) {
     stop_signal = 0;
 }
 
-TEST(RandomSector, OffsetBeyond64BitsFailsToSeek) {
+// Counters at their limits: a random sector's offset past 64 bits, the batch line number.
+TEST(Limits, RandomOffsetBeyond64BitsAndBatchLineCounter) {
     ScratchDevice device;
     block_max = INT64_MAX;
     for (const char* clause : {"random_write blocks = 1", "random_read blocks = 1"}) {
@@ -164,9 +145,6 @@ TEST(RandomSector, OffsetBeyond64BitsFailsToSeek) {
         EXPECT_NE(out.text().find("Error seeking to sector "), std::string::npos) << clause;
     }
     EXPECT_EQ(lseek(test_context.device_handle, 0, SEEK_CUR), 0);  // never moved, nothing written
-}
-
-TEST(BatchLineCounter, StopsAtInt32Max) {
     test_context.line_number = INT32_MAX - 1;
     EXPECT_TRUE(count_batch_line());
     EXPECT_FALSE(count_batch_line());
