@@ -1,12 +1,10 @@
-// libFuzzer target: one statement line through process(), as a batch line or
-// a menu selection reaches it, against a scratch file as the device. Left
-// out: `system`, `pause` (reads standard input), `delay`, `set buffer` (an
-// arbitrary address), data commands counting "*" or over kMaxRecords records.
+// libFuzzer target: one statement line through process(), as a batch line or a menu selection
+// reaches it, against a scratch file as the device; a first byte 0x01 turns on -t. Left out:
+// `system`, `pause` (reads standard input), `delay`, `set buffer` (an arbitrary address), data
+// commands counting "*" or over kMaxRecords records.
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -15,32 +13,25 @@
 #include "device/executor.h"
 #include "script/script.h"
 
-namespace {
-
 constexpr int32_t kMaxRecords = 16;
-FILE* scratch = nullptr;
-int device = -1;
+static FILE* scratch = nullptr;
+static int device = -1;
 
-bool acceptable(const char* line, std::size_t length) {
-    const std::string_view text(line, length);
+static bool acceptable(const char* line, std::size_t length) {
     for (std::string_view banned : {"system", "pause", "delay", "buffer"}) {
-        if (text.find(banned) != std::string_view::npos) return false;
+        if (std::string_view(line, length).find(banned) != std::string_view::npos) return false;
     }
-    // The count of every data command sits three tokens after its name;
-    // tokens and count are read as the runner and the executor read them.
+    // The count of every data command sits three tokens after its name.
     TokenList tokens{};
     int32_t command = -1, result = -1, statement = -1;
     StatementKind kind{};
     const int count = parse(line, scratch, tokens, command, result, statement, kind);
     for (int i = 0; i + 4 < count; ++i) {
-        if (token_text(line, tokens, i) != "command") continue;
         const std::string_view value = token_text(line, tokens, i + 4);
-        if (value == "*" || parse_count(value) > kMaxRecords) return false;
+        if (token_text(line, tokens, i) == "command" && (value == "*" || parse_count(value) > kMaxRecords)) return false;
     }
     return true;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // `type` and the error lines print on standard output; keep it quiet.
@@ -49,10 +40,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    const bool trace = size > 0 && data[0] == 1;  // a first byte 0x01 turns on -t
+    const bool trace = size > 0 && data[0] == 1;
     if (trace) ++data, --size;
-    // One line: up to the first newline, at most what a batch line holds.
-    char line[kInputLineSize] = {};
+    char line[kInputLineSize] = {};  // up to the first newline, at most what a batch line holds
     std::size_t length = 0;
     for (; length < size && length < kInputLineSize - 1 && data[length] != '\n' && data[length] != 0; ++length) {
         line[length] = static_cast<char>(data[length]);
@@ -64,9 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         unlink(name);
     }
     reset_test_context();
-    test_context.device_handle = device;
-    test_context.trace = trace ? 1 : 0;
-    test_context.line_number = 1;
+    test_context.device_handle = device, test_context.trace = trace ? 1 : 0, test_context.line_number = 1;
     process(line, scratch);
     return 0;
 }
