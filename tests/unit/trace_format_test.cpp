@@ -1,21 +1,17 @@
-// Trace report bounds: the formatter and the raw report on hostile buffers and
-// figures (buffers exactly as long as given, so ASan catches any step past them).
+// Trace report bounds: the formatter and the raw report on hostile buffers and figures (buffers
+// exactly as long as given, so ASan catches any step past them); the screens that print addresses.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "driver/driver.h"
 #include "support.h"
 #include "trace/trace.h"
 
-namespace {
-
-const uint32_t kAll = 0xFFFFFFFFu;
+static const uint32_t kAll = 0xFFFFFFFFu;
 
 // One entry as the driver lays it out: two hex length digits, text, one final byte.
-std::string entry(const std::string& text) {
+static std::string entry(const std::string& text) {
     char digits[3];
     return snprintf(digits, sizeof digits, "%02X", static_cast<unsigned>(text.size() + 3)), digits + text + "~";
 }
@@ -32,11 +28,9 @@ TEST(TraceFormat, StaysInsideTheBuffers) {
         {"one length digit at the end", a + "F", kAll, kAll, d, 99, "ENTRY a "},
         {"final byte may be missing", "09EXIT z", kAll, kAll, d, 99, "EXIT z"},
         {"odd digits count as zero", "G9ab!!!!~", kAll, 1, d, 99, "ab!!!!"},
-        {"short texts compare within the text", entry("E") + entry("EXI") + entry("ENTR"), kAll, kAll, TRACE_DEBUG, 99,
-         "EEXIENTR"},
+        {"short texts compare within the text", entry("E") + entry("EXI") + entry("ENTR"), kAll, kAll, TRACE_DEBUG, 99, "EEXIENTR"},
         {"full cooked buffer ends", a + entry("ENTRY b "), kAll, kAll, d, 12, "ENTRY a "},
-        {"empty raw buffer", "", kAll, kAll, d, 99, ""},
-    };
+        {"empty raw buffer", "", kAll, kAll, d, 99, ""}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<uint8_t> raw(c.raw.begin(), c.raw.end()), cooked(c.cooked_size, 'x');
@@ -49,16 +43,14 @@ TEST(TraceFormat, StaysInsideTheBuffers) {
     }
 }
 
-// The raw report writes no more than the buffer holds, whatever the record
-// and the dump count claim: raw size, dump count, a part of what is written.
+// The raw report writes no more than the buffer holds, whatever the record and the dump count
+// claim: raw size, dump count, a part of what is written.
 TEST(TraceRawReport, FiguresBeyondTheBuffer) {
     const std::string end = "\n***** Trace Report End Dump *****\n";
     const std::tuple<std::size_t, uint64_t, std::string> cases[] = {
         {64, 0, "Begin 4294967295 bytes *****\n" + std::string(64, 'r') + "\n***** Trace Report End Raw"},
-        {64, 0, "dump_bytes 0\n" + end},
         {kTraceRawSize, 20000, "dump_bytes 20000\nbogus dump_bytes adjusting to 10000\n" + std::string(9992, 'r') + end},
-        {kTraceRawSize, 9999, " dump_bytes 9999\n" + std::string(9992, 'r') + end},
-    };
+        {kTraceRawSize, 9999, " dump_bytes 9999\n" + std::string(9992, 'r') + end}};
     for (const auto& [size, dump_count, expected] : cases) {
         TraceState state;
         state.raw_buffer.reset(new uint8_t[state.raw_size = size]);
@@ -72,10 +64,8 @@ TEST(TraceRawReport, FiguresBeyondTheBuffer) {
     }
 }
 
-}  // namespace
-
-// What no golden case can show, as each prints a buffer's address: the
-// advanced trace menu with its record and local flags, and the raw report.
+// What no golden case can show, as each prints a buffer's address: the advanced trace menu with
+// its record and local flags, and the raw report (a raw buffer too short to hold a dump count).
 TEST(TraceScreens, AdvancedMenuAndRawReport) {
     TraceState& s = trace_state;
     s.record = TraceArgumentRecord{}, s.record_initialised = 1, s.output_file_name[0] = '\0';
@@ -149,8 +139,8 @@ enter flag to change or return to continue: flag value (0/1): Trace Operations M
 )" + pointers + "\n***** Trace Report End Dump *****\n");
 }
 
-// The trace menu's steps under -t, and each request failing in turn: -t
-// prints the record's address, so no golden case shows these.
+// The trace menu's steps under -t, and each request failing in turn: -t prints the record's
+// address, so no golden case shows these.
 TEST(TraceScreens, TracedStepsAndFailedRequests) {
     TraceState& s = trace_state;
     test_context.trace = 1, test_context.device_handle = 3;
@@ -174,8 +164,7 @@ TEST(TraceScreens, TracedStepsAndFailedRequests) {
         EXPECT_NE(traced.find(step), std::string::npos) << step << traced;
     const struct { const char* answers; int fail; const char* message; } failures[] = {
         {"19\n", 2, "trace start failed, return to continue\n"}, {"21\n", 2, "trace end failed, return to continue\n"},
-        {"22\n", 2, "snapshot failed pause on, return to continue\n"},
-        {"22\n", 3, "snapshot failed get report, return to continue\n"},
+        {"22\n", 2, "snapshot failed pause on, return to continue\n"}, {"22\n", 3, "snapshot failed get report, return to continue\n"},
         {"22\n", 4, "snapshot failed pause off, return to continue\n"}};
     for (const auto& f : failures) EXPECT_NE(session(f.answers, f.fail).find(f.message), std::string::npos) << f.message;
     CapturedStream inquiry;  // -t around INQUIRY data, traced with its request's address too
