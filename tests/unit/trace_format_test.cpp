@@ -76,67 +76,34 @@ TEST(TraceScreens, AdvancedMenuAndRawReport) {
     CapturedStream screen, report;
     trace_menu_session(screen.stream, input, screen.stream);
     fclose(input);
-    const std::string record = R"(
-Trace Argument Contents:
-  command: DD_TRACE_GET_FLAGS  current flags 0x00001010
-  Console printf:    0  Trace lock:        0  Platform specific: 0  Common code:       0
-  ENTRY:    1  EXIT:     0  DEBUG:    0
-  PAUSE:    0  COMPRESS: 0  DUMP:     1
-  user addr:  0x00001000  kernel addr: 0x00000000
-  bytes req:           0  bytes rpt:            4
-  usage:               0  capacity:             0
-  first offset:        0  last offset:          0
-  entry count:         0  total entry:          0
-  lap_count:           0
-)";
-    EXPECT_NE(screen.text().find(R"(enter selection: Trace Operations Menu
-
- current trace output file is <>
-  trace filter mask 0x00000070
-  ENTRY:    1  EXIT:     1  DEBUG:    1
-)" + record + R"(
-Trace Flag Operations:
-  1 : get flags from kernel
-  2 : apply flags to kernel
-  3 : set local flags
-
-Trace Report Operations:
-  4 : set report bytes requested
-  5 : request report from kernel
-  6 : set report filter mask
-  7 : format report
-  8 : set trace output
-  9 : append raw  report to trace file
- 10 : append cook report to trace file
-
- 19 : start device driver trace 
- 20 : start detailed device driver trace 
- 21 : end   device driver trace 
- 22 : write driver trace data to file <>
- 23 : clear trace table
-
- 50 : advanced trace options
-
- 99 : return to test menu
-
-enter selection:  Destinations: (1) printf   (2) pserr     (3) ps   
-               (4) cc                              
- Macros:       (5) entry    (6) exit      (7) debug
- Controls:     (8) pause    (9) compress (10) dump 
-enter flag to change or return to continue: flag value (0/1): Trace Operations Menu
-)"),
-              std::string::npos)
-        << screen.text();
+    const std::string record =
+        "\nTrace Argument Contents:\n  command: DD_TRACE_GET_FLAGS  current flags 0x00001010\n"
+        "  Console printf:    0  Trace lock:        0  Platform specific: 0  Common code:       0\n"
+        "  ENTRY:    1  EXIT:     0  DEBUG:    0\n  PAUSE:    0  COMPRESS: 0  DUMP:     1\n"
+        "  user addr:  0x00001000  kernel addr: 0x00000000\n  bytes req:           0  bytes rpt:            4\n"
+        "  usage:               0  capacity:             0\n  first offset:        0  last offset:          0\n"
+        "  entry count:         0  total entry:          0\n  lap_count:           0\n";
+    const std::string menu =
+        "enter selection: Trace Operations Menu\n\n current trace output file is <>\n  trace filter mask 0x00000070\n"
+        "  ENTRY:    1  EXIT:     1  DEBUG:    1\n" + record +
+        "\nTrace Flag Operations:\n  1 : get flags from kernel\n  2 : apply flags to kernel\n  3 : set local flags\n\n"
+        "Trace Report Operations:\n  4 : set report bytes requested\n  5 : request report from kernel\n"
+        "  6 : set report filter mask\n  7 : format report\n  8 : set trace output\n"
+        "  9 : append raw  report to trace file\n 10 : append cook report to trace file\n\n"
+        " 19 : start device driver trace \n 20 : start detailed device driver trace \n 21 : end   device driver trace \n"
+        " 22 : write driver trace data to file <>\n 23 : clear trace table\n\n 50 : advanced trace options\n\n"
+        " 99 : return to test menu\n\nenter selection:  Destinations: (1) printf   (2) pserr     (3) ps   \n"
+        "               (4) cc                              \n Macros:       (5) entry    (6) exit      (7) debug\n"
+        " Controls:     (8) pause    (9) compress (10) dump \n"
+        "enter flag to change or return to continue: flag value (0/1): Trace Operations Menu\n";
+    EXPECT_NE(screen.text().find(menu), std::string::npos) << screen.text();
     write_raw_report(report.stream, s);
     char pointers[80];
     const auto raw = reinterpret_cast<unsigned long>(s.raw_buffer.get());
     snprintf(pointers, sizeof pointers, "raw_p 0x%lx  dump 0x%lx  dump_bytes 0\n", raw, raw + kTraceDumpCountOffset);
-    EXPECT_EQ(report.text(), "***** Trace Report Control Info *****\n" + record + R"(***** Trace Report Begin 4 bytes *****
-05a~
-***** Trace Report End Raw *****
-
-***** Trace Report Begin Dump *****
-)" + pointers + "\n***** Trace Report End Dump *****\n");
+    EXPECT_EQ(report.text(), "***** Trace Report Control Info *****\n" + record + "***** Trace Report Begin 4 bytes *****\n"
+                             "05a~\n***** Trace Report End Raw *****\n\n***** Trace Report Begin Dump *****\n" + pointers +
+                             "\n***** Trace Report End Dump *****\n");
 }
 
 // The trace menu's steps under -t, and each request failing in turn: -t prints the record's
