@@ -1,12 +1,11 @@
 #!/bin/sh
-# Direct transfers through loop devices (root, losetup, python3 with glibc; else status 77,
-# skipped): a direct write is in the backing file while the device is open and every record there
-# is what a reader sharing only glibc's srand/rand makes, a direct read sees a byte changed behind
-# it (the page cache would hide both); random_write reaches past the first sectors; each of the
-# eight direct or synchronous open modes reaches the kernel with its flags; records past sectors
-# 2^31 and 2^32 of a sparse 3 TiB device verify, written at depth 16 and read at depth 1; on
-# 4096-byte blocks a 512-byte direct write gets EINVAL until device_capacity sets the sector size.
-#   loop_device.sh TARNWICK
+# Loop devices (root, losetup, python3 with glibc; else 77, skipped): a direct write is in the
+# backing file while the device is open, each record as a reader sharing only glibc's srand/rand
+# makes it, and a direct read sees a byte changed behind it (the page cache would hide both);
+# random_write reaches past the first sectors; each of the eight direct or synchronous open modes
+# reaches the kernel with its flags; records past sectors 2^31 and 2^32 of a sparse 3 TiB device
+# verify (depth 16 writes, depth 1 reads); on 4096-byte blocks a 512-byte direct write gets EINVAL
+# until device_capacity sets the sector size.   loop_device.sh TARNWICK
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
@@ -20,8 +19,7 @@ trap 'exit 1' HUP INT PIPE TERM
 cd "$work" || exit 1
 fail() { echo "FAILED: $*"; tail -n +1 ./*.out; exit 1; }
 
-# check.py IMAGE FIRST: sectors 0..FIRST-1 and all others not all zeros hold their record; prints
-# how many lie past FIRST.
+# check.py IMAGE FIRST: sectors below FIRST and all not all zeros hold their record; prints how many lie past FIRST.
 cat > check.py <<'PY'
 import ctypes, sys
 libc, data, first = ctypes.CDLL("libc.so.6"), open(sys.argv[1], "rb").read(), int(sys.argv[2])
@@ -33,8 +31,8 @@ bad = [n for n in used if data[n * 512:n * 512 + 512] != record(n)]
 sys.exit("sectors without their record: %s" % bad[:5]) if bad else print(len(used) - first)
 PY
 
-# run NAME IMAGE [LOSETUP OPTIONS]: NAME.tw (standard input) against IMAGE's loop device, bounded
-# so that a run that never ends still leaves the loop device to this script's clean-up.
+# run NAME IMAGE [LOSETUP OPTIONS]: NAME.tw (standard input) against IMAGE's loop device, bounded so
+# that a run that never ends still leaves the loop device to this script's clean-up.
 run() {
     n=$1 i=$2; shift 2
     loop=$(losetup "$@" -f --show "$i" 2>/dev/null) || return 1
@@ -75,13 +73,10 @@ for m in RO+DIRECT=040000 RW+DIRECT=040002 RW+SYNC=010002 RW+DIRECT+SYNC=050002 
     "$tarnwick" -f "${m%=*}.tw" -o "${m%=*}.out" -d "$loop" >/dev/null 2>&1 &
     flags=""
     for _ in $(seq 50); do
-        for fd in /proc/$!/fd/*; do
-            [ "$(readlink "$fd")" = "$loop" ] && flags=$(awk '/^flags:/ {print $2}' "/proc/$!/fdinfo/${fd##*/}")
-        done
-        [ -n "$flags" ] && break
-        sleep 0.1
+        for fd in /proc/$!/fd/*; do [ "$(readlink "$fd")" = "$loop" ] && flags=$(grep ^flags: "/proc/$!/fdinfo/${fd##*/}"); done
+        [ -n "$flags" ] && break || sleep 0.1
     done
-    [ "$(printf '%06o' $((0$flags & 054003)))" = "${m#*=}" ] || fail "open mode $m: flags $flags"
+    [ "$(printf '%06o' $((0${flags#flags:?} & 054003)))" = "${m#*=}" ] || fail "open mode $m: $flags"
 done
 wait
 losetup -d "$loop" || fail "losetup -d $loop"

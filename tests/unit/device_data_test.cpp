@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,15 +11,13 @@
 #include "device/generator.h"
 #include "support.h"
 
-// A scratch file of 1001 sectors as the device (block_max 1000: every random sector lies inside it).
-struct ScratchDevice {
-    char path[32] = "/tmp/tarnwick-data-XXXXXX";
+struct ScratchDevice {  // a file of 1001 sectors as the device (block_max 1000: every random sector inside)
     ScratchDevice() {
-        test_context.device_handle = mkstemp(path);
+        test_context.device_handle = memfd_create("device", 0);
         sector_size = 512, block_count = 1, block_seek = 0, block_max = 1000;
         EXPECT_EQ(ftruncate(test_context.device_handle, 1001 * 512), 0);
     }
-    ~ScratchDevice() { close(test_context.device_handle), test_context.device_handle = -1, unlink(path), block_max = 0; }
+    ~ScratchDevice() { close(test_context.device_handle), test_context.device_handle = -1, block_max = 0; }
 };
 
 static CommandOutcome run(const char* clause, FILE* stream) {

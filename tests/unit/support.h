@@ -1,6 +1,5 @@
-// Shared by the unit tests: a statement parsed as the runner parses it, an output stream read
-// back, and a seam (fake_ioctl.cpp) handing every ioctl of the process to a handler while one is
-// installed, so that driver replies, hostile ones too, can be crafted byte by byte.
+// Shared by the unit tests: a statement parsed as the runner parses it, an output stream read back,
+// and a seam (fake_ioctl.cpp) handing every ioctl to a handler, to craft driver replies byte by byte.
 #pragma once
 
 #include <cstdio>
