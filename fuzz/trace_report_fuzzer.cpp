@@ -5,34 +5,26 @@
 // bytes_reported (both little-endian); then the entries (two hex length digits, text, a final
 // byte), the rest of the raw buffer spaces.
 #include <algorithm>
-#include <cstring>
 #include <span>
 #include <vector>
 
 #include "trace/trace.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    constexpr std::size_t kHeader = 9;
-    if (size < kHeader || size - kHeader > kTraceDumpCountOffset) return -1;
-    const std::size_t entries = size - kHeader;
-    // Buffers of exactly their sizes, so that ASan sees any step past them; only the part the
-    // last input wrote needs its spaces back.
-    static std::vector<uint8_t> raw(kTraceRawSize, ' '), cooked(kTraceCookedSize);
-    static const std::vector<uint8_t> spaces(kTraceCookedSize, ' ');
-    static std::size_t dirty = 0;
-    std::memset(raw.data(), ' ', dirty);
-    std::memcpy(raw.data(), data + kHeader, dirty = entries);
+    if (size < 9 || size - 9 > kTraceDumpCountOffset) return -1;
+    // Buffers of exactly their sizes, so that ASan sees any step past them.
+    static std::vector<uint8_t> raw(kTraceRawSize), cooked(kTraceCookedSize);
+    std::fill(std::copy(data + 9, data + size, raw.begin()), raw.end(), ' ');
     auto little_endian = [](const uint8_t* p) { return uint32_t{p[0]} | p[1] << 8 | p[2] << 16 | uint32_t{p[3]} << 24; };
     TraceArgumentRecord record{};
     record.command = DD_TRACE_REPORT, record.entry_count = little_endian(data + 1);
-    record.bytes_reported = static_cast<uint32_t>(entries) + little_endian(data + 5);
+    record.bytes_reported = static_cast<uint32_t>(size - 9) + little_endian(data + 5);
     const std::size_t cooked_size = std::min<std::size_t>(std::size_t{16} << (data[0] & 0x0fU), kTraceCookedSize);
-    std::span<uint8_t> cooked_span(cooked.data() + kTraceCookedSize - cooked_size, cooked_size);
-    uint64_t cooked_bytes = ~0ULL;
-    dd_trace_format_report(record, data[0] & 0x70U, raw, cooked_span, cooked_bytes);
+    std::span<uint8_t> text(cooked.data() + kTraceCookedSize - cooked_size, cooked_size);
+    uint64_t length = ~0ULL;
+    dd_trace_format_report(record, data[0] & 0x70U, raw, text, length);
     // What the formatter promises: the text fits, and the rest is spaces.
-    if (cooked_bytes > cooked_size ||
-        std::memcmp(cooked_span.data() + cooked_bytes, spaces.data(), cooked_size - cooked_bytes) != 0) {
+    if (length > cooked_size || std::any_of(text.begin() + length, text.end(), [](uint8_t c) { return c != ' '; })) {
         __builtin_trap();
     }
     return 0;
