@@ -98,6 +98,5 @@ command read_verify records = 16 result rc == 512 data == -2147483641
 set block_seek = 4294967290
 command read_verify records = 16 result rc == 512 data == 9
 EOF
-rm -f huge.img
 
 echo "passed"
