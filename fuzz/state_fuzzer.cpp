@@ -1,8 +1,7 @@
-// libFuzzer target over the simulator's state checks: a state file is untrusted input (another
-// program, or a hand with dd, may have written it). The input patches a fresh state: groups of a
-// three-byte offset (little-endian, modulo the state's size), a length byte and that many bytes.
-// A state that passes check_state must then carry a control request (the first byte picks it, its
-// record is the input), a transfer and the listing without a fault, a hang or undefined behaviour.
+// libFuzzer target: a state file is untrusted input (dd may have written it). The input patches a
+// fresh state in groups of a three-byte offset (little-endian, modulo the state's size), a length
+// byte and that many bytes; a state check_state passes then carries a control request (the first
+// byte picks it, the input is its record), a transfer and the listing without a fault or a hang.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

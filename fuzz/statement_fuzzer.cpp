@@ -1,7 +1,6 @@
-// libFuzzer target: one statement line through process(), as a batch line or a menu selection
-// reaches it, against a scratch file as the device; a first byte 0x01 turns on -t. Left out:
-// `system`, `pause` (reads standard input), `delay`, `set buffer` (an arbitrary address), data
-// commands counting "*" or over 16 records.
+// libFuzzer target: one statement line through process(), a scratch file as the device, -t on after
+// a first byte 0x01. Left out: `system`, `pause` (reads standard input), `delay`, `set buffer` (an
+// arbitrary address), data commands counting "*" or over 16 records.
 #include <fcntl.h>
 #include <sys/mman.h>
 

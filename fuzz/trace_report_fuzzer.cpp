@@ -1,9 +1,8 @@
-// libFuzzer target over the trace report formatter: a report as the driver could deliver it,
-// lengths and counts included, is untrusted input. Byte 0: the filter mask (0x10 entry, 0x20
-// exit, 0x40 debug), its low four bits n a cooked buffer of 16 << n bytes (at most the full size)
-// that the text can outgrow; bytes 1-4: entry_count; bytes 5-8: added to the bytes given to make
-// bytes_reported (both little-endian); then the entries (two hex length digits, text, a final
-// byte), the rest of the raw buffer spaces.
+// libFuzzer target: a trace report as the driver could deliver it, lengths and counts included,
+// through the formatter. Byte 0: the filter mask (0x10 entry, 0x20 exit, 0x40 debug), its low four
+// bits n a cooked buffer of 16 << n bytes (at most the full size); bytes 1-4: entry_count; 5-8:
+// added to the bytes given to make bytes_reported (little-endian); then the entries (two hex
+// length digits, text, a final byte), the rest of the raw buffer spaces.
 #include <algorithm>
 #include <cstring>
 #include <span>
