@@ -22,6 +22,10 @@ struct Statement {  // "command NAME ARGS..."
     explicit Statement(std::string line)
         : text(std::move(line)), count(parse(text.c_str(), stderr, tokens, command, result, statement, kind)) {}
     CommandClause clause() const { return CommandClause{text.c_str(), &tokens, command + 1, count - command - 1}; }
+    CommandOutcome run(FILE* stream) const {  // as the executor runs a command statement
+        CommandOutcome outcome{};
+        return execute_command(text.c_str(), stream, tokens, command + 1, count - command - 1, outcome), outcome;
+    }
 };
 
 struct CapturedStream {  // its bytes, NULs included, read back by text()
