@@ -32,15 +32,14 @@ bad = [n for n in used if data[n * 4096:n * 4096 + 4096] != record(n)]
 sys.exit("blocks without their record: %s" % bad[:5]) if bad else print(len(used) - first)
 PY
 
-# run NAME IMAGE [LOSETUP OPTIONS]: NAME.tw (standard input) against IMAGE's loop device, bounded so
-# that a run that never ends still leaves the loop device to this script's clean-up.
+# run NAME IMAGE [LOSETUP OPTIONS]: NAME.tw (standard input) against IMAGE's loop device (attached
+# until the next run), bounded so that a run that never ends leaves the device to the clean-up.
 run() {
     n=$1 i=$2; shift 2
+    [ -z "$loop" ] || losetup -d "$loop" || fail "losetup -d $loop"
     loop=$(losetup "$@" -f --show "$i" 2>/dev/null) || return 1
     cat > "$n.tw"
     timeout 60 "$tarnwick" -f "$n.tw" -o "$n.out" -d "$loop" >stdout.out 2>&1 || fail "$n run"
-    losetup -d "$loop" || fail "losetup -d $loop"
-    loop=""
 }
 
 truncate -s 64M disk.img
@@ -67,8 +66,7 @@ grep -qx "block 5 verify failed at byte 100, expected 2, read ff " sweep.out || 
 [ "$(python3 check.py disk.img 1000)" -gt 0 ] || fail "random_write stayed within the first 1000 sectors"
 
 # Each mode's flags as the kernel holds them (fdinfo, octal): O_DIRECT 040000, O_DSYNC 010000,
-# O_NONBLOCK 04000, the access mode in the low bits.
-loop=$(losetup -f --show disk.img) || fail "losetup for the open modes"
+# O_NONBLOCK 04000, the access mode in the low bits; the sweep's device serves.
 for m in RO+DIRECT=040000 RW+DIRECT=040002 RW+SYNC=010002 RW+DIRECT+SYNC=050002 RO+DIRECT+NDELAY=044000 \
     RW+DIRECT+NDELAY=044002 RW+SYNC+NDELAY=014002 RW+DIRECT+SYNC+NDELAY=054002; do
     printf 'command open $D %s result rc >= 0\ndelay 2\n' "${m%=*}" > "${m%=*}.tw"
@@ -81,8 +79,6 @@ for m in RO+DIRECT=040000 RW+DIRECT=040002 RW+SYNC=010002 RW+DIRECT+SYNC=050002 
     [ "$(printf '%06o' $((0${flags#flags:?} & 054003)))" = "${m#*=}" ] || fail "open mode $m: $flags"
 done
 wait
-losetup -d "$loop" || fail "losetup -d $loop"
-loop=""
 
 truncate -s 3T huge.img 2>/dev/null || skip "no 3 TiB sparse file here"
 run huge huge.img <<'EOF' || skip "no loop device over a 3 TiB file"
@@ -98,5 +94,4 @@ command read_verify records = 16 result rc == 512 data == -2147483641
 set block_seek = 4294967290
 command read_verify records = 16 result rc == 512 data == 9
 EOF
-
 echo "passed"
