@@ -14,12 +14,9 @@ using namespace vpathsim;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char dir[] = "/dev/shm/vpathsim-fuzz.XXXXXX";  // memory: the state is rewritten every run
-    static Sim& sim = *[] {
-        auto* fresh = new Sim;
-        std::string error;
-        if (mkdtemp(dir) == nullptr || !fresh->attach(dir, "", &error)) abort();
-        return fresh;
-    }();
+    static Sim& sim = *new Sim;
+    static const bool attached = [] { std::string error; return mkdtemp(dir) != nullptr && sim.attach(dir, "", &error); }();
+    if (!attached) abort();
     static const SharedState clean = *sim.state();
     static std::vector<uint8_t> report(kTraceRawSize);
     static FILE* sink = std::fopen("/dev/null", "w");

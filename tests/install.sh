@@ -9,7 +9,7 @@ build=$(cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "install test: $*" >&2; exit 1; }
-d=share/doc/tarnwick e=share/doc/tarnwick/examples m=share/man/man1
+d=share/doc/tarnwick e=share/doc/tarnwick/examples m=share/man/man1 p=$work/prefix
 printf '%s\n' bin/tarnwick bin/tarnwick-check bin/tarnwick-plot bin/vpathsim lib/libvpathsim_preload.so $d/README.md \
     $e/demo.tw $e/failover-adapter-midread.tw $e/failover-adapter.tw $e/failover-flaky.tw $e/failover-lastpath.tw \
     $e/failover-midwrite.tw $e/failover-path.tw $e/failover-silent.tw $e/inquiry-branch.tw $e/integrity-sweep.tw \
@@ -17,7 +17,6 @@ printf '%s\n' bin/tarnwick bin/tarnwick-check bin/tarnwick-plot bin/vpathsim lib
     $m/vpathsim.1 > "$work/expected"
 
 cmake --install "$build" --prefix "$work/first" > /dev/null
-p=$work/prefix
 mv "$work/first" "$p"
 (cd "$p" && find . ! -type d | sed 's|^\./||' | sort) > "$work/files"
 diff -u "$work/expected" "$work/files" || fail "the installed files differ from the list"
@@ -48,7 +47,6 @@ for need in libc6 libstdc++6 libgcc-s1; do
     dpkg-deb -f "$deb" Depends | grep -qF "$need" || fail "Depends lacks $need: $(dpkg-deb -f "$deb" Depends)"
 done
 dpkg-deb -x "$deb" "$work/root"
-cd "$work"
-"$work/root/usr/bin/vpathsim" run -- "$work/root/usr/bin/tarnwick" \
-    -f "$work/root/usr/share/doc/tarnwick/examples/demo.tw" -o demo.out > /dev/null ||
+cd "$work" && r=$work/root/usr
+"$r/bin/vpathsim" run -- "$r/bin/tarnwick" -f "$r/share/doc/tarnwick/examples/demo.tw" -o demo.out > /dev/null ||
     fail "the packaged demo failed: $(tail -3 demo.out)"
