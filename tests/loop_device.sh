@@ -1,11 +1,10 @@
 #!/bin/sh
-# Loop devices (root, losetup, python3 with glibc; else 77, skipped). On 4096-byte blocks a
-# 512-byte direct write gets EINVAL until device_capacity sets the sector size; a direct write is
-# in the backing file while the device is open, each record as a reader sharing only glibc's
-# srand/rand makes it, and a direct read sees a byte changed behind it (the page cache would hide
-# both); random_write reaches past the first sectors. Each of the eight direct or synchronous open
-# modes reaches the kernel with its flags. Records past sectors 2^31 and 2^32 of a sparse 3 TiB
-# device verify (depth 16 writes, depth 1 reads).   loop_device.sh TARNWICK
+# Loop devices (root, losetup, python3 with glibc; else 77, skipped): on 4096-byte blocks a 512-byte
+# direct write gets EINVAL until device_capacity sets the sector size; a direct write is in the
+# backing file while the device is open, each record as glibc's srand/rand make it, and a direct read
+# sees a byte changed behind it (the page cache would hide both); random_write reaches past the first
+# sectors; each of the eight direct or synchronous open modes reaches the kernel with its flags;
+# records past sectors 2^31 and 2^32 of a 3 TiB device verify (depth 16, then 1).  loop_device.sh TW
 set -u
 tarnwick=$1
 skip() { echo "skipped: $*"; exit 77; }
@@ -18,8 +17,8 @@ trap 'exit 1' HUP INT PIPE TERM
 cd "$work" || exit 1
 fail() { echo "FAILED: $*"; tail -n +1 ./*.out; exit 1; }
 
-# check.py IMAGE FIRST: 4096-byte blocks below FIRST and all not all zeros hold their record;
-# prints how many lie past FIRST.
+# check.py IMAGE FIRST: blocks below FIRST, and all others not zeros, hold their record; prints how
+# many lie past FIRST (a reader sharing only glibc's srand/rand with the tool).
 cat > check.py <<'PY'
 import ctypes, sys
 libc, data, first = ctypes.CDLL("libc.so.6"), open(sys.argv[1], "rb").read(), int(sys.argv[2])
