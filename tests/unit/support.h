@@ -18,7 +18,7 @@ struct Statement {  // "command NAME ARGS..."
     TokenList tokens{};
     int32_t command = -1, result = -1, statement = -1;
     StatementKind kind{};
-    int32_t count;  // after what parse fills in, which is set up first
+    int32_t count;  // declared last: parse fills in the members above first
     explicit Statement(std::string line)
         : text(std::move(line)), count(parse(text.c_str(), stderr, tokens, command, result, statement, kind)) {}
     CommandClause clause() const { return CommandClause{text.c_str(), &tokens, command + 1, count - command - 1}; }
