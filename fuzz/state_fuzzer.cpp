@@ -1,13 +1,10 @@
-// libFuzzer target over the simulator's state checks: a state file is
-// untrusted input (another program, or a hand with dd, may have written it).
-// The input patches a fresh state: groups of a three-byte offset (little-
-// endian, modulo the state's size), a length byte and that many bytes. A
-// state that passes check_state must then carry a control request, a
-// transfer and the listing without a fault, a hang or undefined behaviour.
-#include <stdlib.h>
-
+// libFuzzer target: a state file is untrusted input (dd may have written it). The input patches a
+// fresh state in groups of a three-byte offset (little-endian, modulo the state's size), a length
+// byte and that many bytes; a state check_state passes then carries a control request (the first
+// byte picks it, the input is its record), a transfer and the listing without a fault or a hang.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -17,35 +14,26 @@ using namespace vpathsim;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char dir[] = "/dev/shm/vpathsim-fuzz.XXXXXX";  // memory: the state is rewritten every run
-    static Sim& sim = *[] {
-        auto* fresh = new Sim;
-        std::string error;
-        if (mkdtemp(dir) == nullptr || !fresh->attach(dir, "", &error)) abort();
-        return fresh;
-    }();
+    static Sim& sim = *new Sim;
+    static const bool attached = [] { std::string error; return mkdtemp(dir) != nullptr && sim.attach(dir, "", &error); }();
+    if (!attached) abort();
     static const SharedState clean = *sim.state();
     static std::vector<uint8_t> report(kTraceRawSize);
     static FILE* sink = std::fopen("/dev/null", "w");
-    SharedState& state = *sim.state();
-    state = clean;
+    SharedState& state = *sim.state() = clean;
     auto* bytes = reinterpret_cast<uint8_t*>(&state);
-    for (size_t i = 0; i + 4 <= size;) {
+    for (size_t i = 0; i + 4 <= size; i += 4 + data[i + 3]) {
         const size_t at = (data[i] | data[i + 1] << 8 | data[i + 2] << 16) % sizeof state;
-        const size_t n = std::min({size_t{data[i + 3]}, size - i - 4, sizeof state - at});
-        std::memcpy(bytes + at, data + i + 4, n);
-        i += 4 + n;
+        std::memcpy(bytes + at, data + i + 4, std::min({size_t{data[i + 3]}, size - i - 4, sizeof state - at}));
     }
     if (!check_state(state).empty()) return 0;
-    // One request (the first input byte picks it), its record from the
-    // input; then one transfer.
     alignas(8) uint8_t record[8192] = {};
     std::memcpy(record, data, std::min(size, sizeof record));
     const uint32_t code = DD_TRACE + (size > 0 ? data[0] % (DD_SET_CONTROLLER - DD_TRACE + 1) : 0);
-    auto* trace = reinterpret_cast<TraceArgumentRecord*>(record);
-    if (code == DD_TRACE) trace->user_addr = reinterpret_cast<uintptr_t>(report.data());
+    if (code == DD_TRACE) reinterpret_cast<TraceArgumentRecord*>(record)->user_addr = reinterpret_cast<uintptr_t>(report.data());
     sim.request(code, record);
-    const int device = size > 1 ? data[1] % state.topology.device_count : 0;
-    sim.transfer(device, size > 2 && (data[2] & 1) != 0, 0, 4096, [] { return ssize_t{4096}; });
+    sim.transfer(size > 1 ? data[1] % state.topology.device_count : 0, size > 2 && (data[2] & 1) != 0, 0, 4096,
+                 [] { return ssize_t{4096}; });
     sim.show(sink);
     return 0;
 }

@@ -1,13 +1,9 @@
-// libFuzzer target: one statement line through process(), as a batch line or
-// a menu selection reaches it, against a scratch file as the device. Left
-// out: `system`, `pause` (reads standard input), `delay`, `set buffer` (an
-// arbitrary address), data commands counting "*" or over kMaxRecords records.
+// libFuzzer target: one statement line through process(), a scratch file as the device, -t on after
+// a first byte 0x01. Left out: `system`, `pause` (reads standard input), `delay`, `set buffer` (an
+// arbitrary address), data commands counting "*" or over 16 records.
 #include <fcntl.h>
-#include <unistd.h>
+#include <sys/mman.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
@@ -15,58 +11,31 @@
 #include "device/executor.h"
 #include "script/script.h"
 
-namespace {
-
-constexpr int32_t kMaxRecords = 16;
-FILE* scratch = nullptr;
-int device = -1;
-
-bool acceptable(const char* line, std::size_t length) {
-    const std::string_view text(line, length);
-    for (std::string_view banned : {"system", "pause", "delay", "buffer"}) {
-        if (text.find(banned) != std::string_view::npos) return false;
-    }
-    // The count of every data command sits three tokens after its name;
-    // tokens and count are read as the runner and the executor read them.
-    TokenList tokens{};
-    int32_t command = -1, result = -1, statement = -1;
-    StatementKind kind{};
-    const int count = parse(line, scratch, tokens, command, result, statement, kind);
-    for (int i = 0; i + 4 < count; ++i) {
-        if (token_text(line, tokens, i) != "command") continue;
-        const std::string_view value = token_text(line, tokens, i + 4);
-        if (value == "*" || parse_count(value) > kMaxRecords) return false;
-    }
-    return true;
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // `type` and the error lines print on standard output; keep it quiet.
-    if (freopen("/dev/null", "w", stdout) == nullptr || (scratch = fopen("/dev/null", "w")) == nullptr) abort();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    const bool trace = size > 0 && data[0] == 1;  // a first byte 0x01 turns on -t
+    // `type` and the error lines print on standard output; keep it quiet.
+    static FILE* scratch = freopen("/dev/null", "w", stdout) ? fopen("/dev/null", "w") : (abort(), nullptr);
+    const bool trace = size > 0 && data[0] == 1;
     if (trace) ++data, --size;
-    // One line: up to the first newline, at most what a batch line holds.
-    char line[kInputLineSize] = {};
+    char line[kInputLineSize] = {};  // up to the first newline, at most what a batch line holds
     std::size_t length = 0;
     for (; length < size && length < kInputLineSize - 1 && data[length] != '\n' && data[length] != 0; ++length) {
         line[length] = static_cast<char>(data[length]);
     }
-    if (!acceptable(line, length)) return -1;
-    if (device < 0 || fcntl(device, F_GETFD) == -1) {  // closed by the last input
-        char name[] = "/tmp/tarnwick-fuzz-device.XXXXXX";
-        if ((device = mkstemp(name)) < 0) perror("mkstemp"), abort();
-        unlink(name);
+    for (std::string_view banned : {"system", "pause", "delay", "buffer"}) {
+        if (std::string_view(line, length).find(banned) != std::string_view::npos) return -1;
     }
+    TokenList tokens{};  // the count of every data command sits three tokens after its name
+    int32_t command = -1, result = -1, statement = -1;
+    StatementKind kind{};
+    const int count = parse(line, scratch, tokens, command, result, statement, kind);
+    for (int i = 0; i + 4 < count; ++i) {
+        const std::string_view value = token_text(line, tokens, i + 4);
+        if (token_text(line, tokens, i) == "command" && (value == "*" || parse_count(value) > 16)) return -1;
+    }
+    static int device = -1;
+    if (device < 0 || fcntl(device, F_GETFD) == -1) device = memfd_create("device", 0);  // closed by the last input
     reset_test_context();
-    test_context.device_handle = device;
-    test_context.trace = trace ? 1 : 0;
-    test_context.line_number = 1;
+    test_context.device_handle = device, test_context.trace = trace ? 1 : 0, test_context.line_number = 1;
     process(line, scratch);
     return 0;
 }

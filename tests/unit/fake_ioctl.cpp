@@ -4,11 +4,7 @@
 
 #include "support.h"
 
-static FakeIoctl& handler() {
-    static FakeIoctl h;
-    return h;
-}
-
+static FakeIoctl& handler() { static FakeIoctl h; return h; }
 void set_fake_ioctl(FakeIoctl h) { handler() = std::move(h); }
 
 extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
@@ -16,7 +12,6 @@ extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
     va_start(args, request);
     void* record = va_arg(args, void*);
     va_end(args);
-    if (handler()) return handler()(descriptor, request, record);
     static auto* real = reinterpret_cast<int (*)(int, unsigned long, ...)>(dlsym(RTLD_NEXT, "ioctl"));
-    return real(descriptor, request, record);
+    return handler() ? handler()(descriptor, request, record) : real(descriptor, request, record);
 }
