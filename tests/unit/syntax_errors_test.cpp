@@ -1,6 +1,6 @@
 // Each bad line's transcript lines and standard output, and how the run is
 // marked (a syntax error; a failed check wins): a whole run each would repeat
-// the same frame, which script/syntax_errors.case shows once.
+// the same frame, which batch/command_line.case shows once (bad.tw).
 #include <gtest/gtest.h>
 
 #include <string>
