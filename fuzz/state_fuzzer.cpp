@@ -2,20 +2,41 @@
 // fresh state in groups of a three-byte offset (little-endian, modulo the state's size), a length
 // byte and that many bytes; a state check_state passes then carries a control request (the first
 // byte picks it, the input is its record), a transfer and the listing without a fault or a hang.
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "driver.h"
 
 using namespace vpathsim;
 
+// The state lives in memory (it is rewritten every run), in a folder named by
+// the process: a normal end removes it, and a fuzzer ended by a crash or a
+// signal (which skip atexit) has its folder removed by the next one.
+static const std::string& state_folder() {
+    static const std::string dir = "/dev/shm/vpathsim-fuzz." + std::to_string(getpid());
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        const std::string name = entry.path().filename();
+        const bool ours = name.rfind("vpathsim-fuzz.", 0) == 0 && name.find_first_not_of("0123456789", 14) == std::string::npos;
+        if (ours && kill(std::atoi(name.c_str() + 14), 0) != 0 && errno == ESRCH)
+            std::filesystem::remove_all(entry.path());
+    }
+    std::filesystem::create_directory(dir);
+    std::atexit([] { std::filesystem::remove_all(dir); });
+    return dir;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static char dir[] = "/dev/shm/vpathsim-fuzz.XXXXXX";  // memory: the state is rewritten every run
     static Sim& sim = *new Sim;
-    static const bool attached = [] { std::string error; return mkdtemp(dir) != nullptr && sim.attach(dir, "", &error); }();
+    static const bool attached = [] { std::string error; return sim.attach(state_folder(), "", &error); }();
     if (!attached) abort();
     static const SharedState clean = *sim.state();
     static std::vector<uint8_t> report(kTraceRawSize);
