@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -68,9 +70,12 @@ std::string escaped(const std::string& raw) {
     return out;
 }
 
-std::string format(const char* pattern, double a, double b = 0, double c = 0, double d = 0) {
+__attribute__((format(printf, 1, 2))) std::string format(const char* pattern, ...) {
     char buffer[160];
-    std::snprintf(buffer, sizeof buffer, pattern, a, b, c, d);
+    va_list args;
+    va_start(args, pattern);
+    std::vsnprintf(buffer, sizeof buffer, pattern, args);
+    va_end(args);
     return buffer;
 }
 
@@ -156,9 +161,7 @@ void draw(const Panel& p, double top) {
                 kLeft + plot_w / 2, base + 28, duration(p.interval_us).c_str());
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int plot(int argc, char** argv) {
     if (argc > 2 || (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0))) {
         std::fputs(kUsage, argc > 2 ? stderr : stdout);
         return argc > 2 ? 2 : 0;
@@ -195,4 +198,17 @@ int main(int argc, char** argv) {
     for (std::size_t i = 0; i < panels.size(); ++i) draw(panels[i], static_cast<double>(i) * kPanelHeight);
     std::printf("</svg>\n");
     return std::ferror(stdout) != 0 ? 2 : 0;
+}
+
+}  // namespace
+
+// Only running out of memory throws (a results line of gigabytes): said on
+// standard error as every other refusal is, with status 2.
+int main(int argc, char** argv) {
+    try {
+        return plot(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tarnwick-plot: %s\n", e.what());
+    }
+    return 2;
 }
