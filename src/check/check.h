@@ -89,6 +89,9 @@ bool same_or_diff(const std::string& expected_label, const std::string& actual_l
 // Returns 0, kDifferent (a file the case expects was not written) or kTrouble.
 int approve_case(const std::string& path, const Case& c, const RunResult& r, const Scratch& s, std::string* error);
 int compare_transcripts(const std::string& approved, const std::string& actual, const Options& o);
+// Lists the lines only OLD has ("- ") and only NEW has ("+ "), times masked
+// in both: 0 the same, kDifferent, kTrouble.
+int show_changes(const std::string& old_path, const std::string& new_path);
 
 struct Outcome {
     std::string file;

@@ -28,8 +28,10 @@ const char kUsage[] =
     "                      [--tarnwick PATH] [--vpathsim PATH] [--tarnwick-plot PATH]\n"
     "                      CASE...\n"
     "       tarnwick-check [--approve] --compare APPROVED ACTUAL\n"
+    "       tarnwick-check --changes OLD NEW\n"
     "Runs each golden case and compares its results with the case's expectations,\n"
-    "or compares the transcript ACTUAL with the approved transcript APPROVED.\n"
+    "compares the transcript ACTUAL with the approved transcript APPROVED, or\n"
+    "lists the lines only OLD has (\"- \") and only NEW has (\"+ \").\n"
     "Times, dates, elapsed seconds, data rates, the measured times of -j results\n"
     "lines (keys ending in _s or _us), the case's scratch folder, the simulator's\n"
     "state folder and process ids are masked.\n"
@@ -175,7 +177,7 @@ bool find_program(Program* p, const char* option, const std::vector<std::string>
 
 int main(int argc, char** argv) {
     Options o;
-    bool compare = false;
+    bool compare = false, changes = false;
     const char* tarnwick = nullptr;
     const char* vpathsim = nullptr;
     const char* plot = nullptr;
@@ -189,6 +191,8 @@ int main(int argc, char** argv) {
             o.keep = true;
         } else if (a == "--compare") {
             compare = true;
+        } else if (a == "--changes") {
+            changes = true;
         } else if (a == "--timeout" && value) {
             const char* t = argv[++i];
             char* end = nullptr;
@@ -217,11 +221,12 @@ int main(int argc, char** argv) {
             files.emplace_back(a);
         }
     }
-    if (files.empty() || (compare && files.size() != 2)) {
+    if (files.empty() || ((compare || changes) && files.size() != 2) || (compare && changes)) {
         std::fputs(kUsage, stderr);
         return kTrouble;
     }
     if (compare) return compare_transcripts(files[0], files[1], o);
+    if (changes) return show_changes(files[0], files[1]);
     // A build tree has the simulator in sim/, an installation beside us.
     std::string here = fs::path(self_path()).parent_path().string();
     if (!find_program(&o.tarnwick, tarnwick, {here + "/tarnwick"}) ||

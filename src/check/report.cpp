@@ -4,12 +4,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <string_view>
+#include <vector>
 
 #include "check/check.h"
 
@@ -17,30 +20,87 @@ namespace fs = std::filesystem;
 
 namespace check {
 
+namespace {
+
+// Runs diff with `options` on two files of `folder` holding a and b; true
+// with its output in `text` when they differ (diff's status 1).
+bool diff_of(const std::vector<std::string>& options, const std::string& a, const std::string& b,
+             const std::string& folder, std::string* text) {
+    const std::string old_file = folder + "/expected", new_file = folder + "/actual", out_file = folder + "/diff";
+    text->clear();
+    if (!write_file(old_file, a) || !write_file(new_file, b)) return false;
+    std::vector<const char*> argv{"diff"};
+    for (const std::string& o : options) argv.push_back(o.c_str());
+    argv.insert(argv.end(), {old_file.c_str(), new_file.c_str(), nullptr});
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || dup2(out, 1) < 0) _exit(127);
+        execvp("diff", const_cast<char* const*>(argv.data()));
+        _exit(127);
+    }
+    int status = 0;
+    if (pid > 0) {
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+    }
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1 && read_file(out_file, text);
+}
+
+// A scratch folder for two files to compare, or "" (said on standard error).
+std::string compare_folder() {
+    const char* tmp = getenv("TMPDIR");
+    std::string dir = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarnwick-check.XXXXXX";
+    if (mkdtemp(dir.data()) != nullptr) return dir;
+    std::fprintf(stderr, "tarnwick-check: scratch folder %s: %s\n", dir.c_str(), std::strerror(errno));
+    return {};
+}
+
+bool read_or_say(const std::string& path, std::string* out) {
+    if (read_file(path, out)) return true;
+    std::fprintf(stderr, "tarnwick-check: %s: %s\n", path.c_str(), std::strerror(errno));
+    return false;
+}
+
+}  // namespace
+
 bool same_or_diff(const std::string& expected_label, const std::string& actual_label, const std::string& expected,
                   const std::string& actual, const std::string& folder, std::string* report) {
     if (expected == actual) return true;
-    std::string a = folder + "/expected", b = folder + "/actual", d = folder + "/diff", text;
-    if (write_file(a, expected) && write_file(b, actual)) {
-        std::fflush(nullptr);
-        pid_t pid = fork();
-        if (pid == 0) {
-            int out = open(d.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (out < 0 || dup2(out, 1) < 0) _exit(127);
-            execlp("diff", "diff", "-u", "--label", expected_label.c_str(), "--label", actual_label.c_str(),
-                   a.c_str(), b.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        int status = 0;
-        if (pid > 0) {
-            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
-        }
-        if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 1 || !read_file(d, &text)) text.clear();
-    }
-    if (text.empty()) text = "--- " + expected_label + "\n" + expected + "+++ " + actual_label + "\n" + actual;
+    std::string text;
+    if (!diff_of({"-u", "--label", expected_label, "--label", actual_label}, expected, actual, folder, &text))
+        text = "--- " + expected_label + "\n" + expected + "+++ " + actual_label + "\n" + actual;
     std::fputs(text.c_str(), stdout);
     *report += text;
     return false;
+}
+
+// Lines are compared as the case shows them (escaped, times masked), so a
+// time that ticked over between two runs is no difference; each line listed
+// is given back as its bytes, a last line without a line end as one.
+int show_changes(const std::string& old_path, const std::string& new_path) {
+    std::string a, b;
+    if (!read_or_say(old_path, &a) || !read_or_say(new_path, &b)) return kTrouble;
+    a = visible(a), b = visible(b);
+    if (a == b) return 0;
+    const std::string dir = compare_folder();
+    if (dir.empty()) return kTrouble;
+    std::string text;
+    const bool listed =
+        diff_of({"--unchanged-line-format=", "--old-line-format=-%L", "--new-line-format=+%L"}, a, b, dir, &text);
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
+    if (!listed) {
+        std::fprintf(stderr, "tarnwick-check: diff could not compare %s and %s\n", old_path.c_str(), new_path.c_str());
+        return kTrouble;
+    }
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = std::min(text.find('\n', at), text.size() - 1);
+        const std::string raw = decode(std::string_view(text).substr(at + 1, end - at));
+        std::fputc(text[at], stdout), std::fputc(' ', stdout), std::fwrite(raw.data(), 1, raw.size(), stdout);
+        at = end + 1;
+    }
+    return kDifferent;
 }
 
 // Rewrites the case with the run's results as its expectations: inputs
@@ -75,27 +135,17 @@ int approve_case(const std::string& path, const Case& c, const RunResult& r, con
 
 int compare_transcripts(const std::string& approved, const std::string& actual, const Options& o) {
     std::string a, b;
-    if (!read_file(actual, &b)) {
-        std::fprintf(stderr, "tarnwick-check: %s: %s\n", actual.c_str(), std::strerror(errno));
-        return kTrouble;
-    }
+    if (!read_or_say(actual, &b)) return kTrouble;
     if (o.approve) {
         if (write_file(approved, b)) return 0;
         std::fprintf(stderr, "tarnwick-check: cannot write %s: %s\n", approved.c_str(), std::strerror(errno));
         return kTrouble;
     }
-    if (!read_file(approved, &a)) {
-        std::fprintf(stderr, "tarnwick-check: %s: %s\n", approved.c_str(), std::strerror(errno));
-        return kTrouble;
-    }
+    if (!read_or_say(approved, &a)) return kTrouble;
     std::string expected = visible(a), got = visible(b);
     if (expected == got) return 0;
-    const char* tmp = getenv("TMPDIR");
-    std::string dir = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarnwick-check.XXXXXX";
-    if (mkdtemp(dir.data()) == nullptr) {
-        std::fprintf(stderr, "tarnwick-check: scratch folder %s: %s\n", dir.c_str(), std::strerror(errno));
-        return kTrouble;
-    }
+    const std::string dir = compare_folder();
+    if (dir.empty()) return kTrouble;
     std::string report;
     same_or_diff("expected " + approved, "actual " + actual, expected, got, dir, &report);
     std::error_code ignored;
