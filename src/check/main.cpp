@@ -225,8 +225,12 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return kTrouble;
     }
-    if (compare) return compare_transcripts(files[0], files[1], o);
-    if (changes) return show_changes(files[0], files[1]);
+    if (compare || changes) {
+        // A signal waits for diff to end, so that its scratch folder goes.
+        handle_ending_signals();
+        const int r = compare ? compare_transcripts(files[0], files[1], o) : show_changes(files[0], files[1]);
+        return caught_signal() != 0 ? 128 + caught_signal() : r;
+    }
     // A build tree has the simulator in sim/, an installation beside us.
     std::string here = fs::path(self_path()).parent_path().string();
     if (!find_program(&o.tarnwick, tarnwick, {here + "/tarnwick"}) ||

@@ -1,6 +1,7 @@
 // The reports: a unified diff of a difference, --approve, and the JUnit
 // XML file that CI servers read.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,7 +43,9 @@ bool diff_of(const std::vector<std::string>& options, const std::string& a, cons
     }
     int status = 0;
     if (pid > 0) {
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            if (caught_signal() != 0) kill(pid, SIGTERM);  // a long diff is not waited out
+        }
     }
     return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1 && read_file(out_file, text);
 }
@@ -94,7 +97,7 @@ int show_changes(const std::string& old_path, const std::string& new_path) {
         std::fprintf(stderr, "tarnwick-check: diff could not compare %s and %s\n", old_path.c_str(), new_path.c_str());
         return kTrouble;
     }
-    for (size_t at = 0; at < text.size();) {
+    for (size_t at = 0; at < text.size() && caught_signal() == 0;) {
         const size_t end = std::min(text.find('\n', at), text.size() - 1);
         const std::string raw = decode(std::string_view(text).substr(at + 1, end - at));
         std::fputc(text[at], stdout), std::fputc(' ', stdout), std::fwrite(raw.data(), 1, raw.size(), stdout);
