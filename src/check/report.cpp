@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "check/check.h"
+#include "common/xml.h"
 
 namespace fs = std::filesystem;
 
@@ -158,27 +159,6 @@ int compare_transcripts(const std::string& approved, const std::string& actual, 
 
 namespace {
 
-std::string xml(std::string_view text, bool attribute = true) {
-    std::string out;
-    for (char ch : text) {
-        switch (ch) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\n': out += attribute ? "&#10;" : "\n"; break;
-            default:
-                // The reports are escaped text; a control byte cannot be in XML 1.0.
-                if (static_cast<unsigned char>(ch) < 0x20 && ch != '\t') {
-                    out += '?';
-                } else {
-                    out += ch;
-                }
-        }
-    }
-    return out;
-}
-
 // The first lines that differ: the label and changed lines of the first
 // hunk, read by its line counts ("@@ -1,2 +1,3 @@").
 std::string first_difference(const std::string& report) {
@@ -247,17 +227,17 @@ bool write_junit(const std::string& path, const std::vector<Outcome>& outcomes) 
                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                   "<testsuite name=\"tarnwick-check\" tests=\"%zu\" failures=\"%d\" errors=\"%d\" disabled=\"0\" "
                   "skipped=\"0\" hostname=\"%s\" time=\"%.6f\" timestamp=\"%s\">\n",
-                  outcomes.size(), failures, errors, xml(host).c_str(), total, stamp);
+                  outcomes.size(), failures, errors, xml_text(host).c_str(), total, stamp);
     std::string text = head;
     for (const Outcome& o : outcomes) {
-        std::string name = xml(case_name(o.file));
+        std::string name = xml_text(case_name(o.file));
         char line[1024];
         std::snprintf(line, sizeof line, "\t<testcase name=\"%s\" classname=\"%s\" time=\"%.6f\" status=\"%s\">\n",
                       name.c_str(), name.c_str(), o.seconds, o.result == 0 ? "run" : "fail");
         text += line;
-        if (o.result == kDifferent) text += "\t\t<failure message=\"" + xml(first_difference(o.report)) + "\"/>\n";
-        if (o.result == kTrouble) text += "\t\t<error message=\"" + xml(o.message) + "\"/>\n";
-        text += "\t\t<system-out>" + xml(o.report, false) + "</system-out>\n\t</testcase>\n";
+        if (o.result == kDifferent) text += "\t\t<failure message=\"" + xml_text(first_difference(o.report)) + "\"/>\n";
+        if (o.result == kTrouble) text += "\t\t<error message=\"" + xml_text(o.message) + "\"/>\n";
+        text += "\t\t<system-out>" + xml_text(o.report, false) + "</system-out>\n\t</testcase>\n";
     }
     text += "</testsuite>\n";
     return write_file(path, text);

@@ -15,6 +15,8 @@
 #include <vector>
 #include <nlohmann/json.hpp>
 
+#include "common/xml.h"
+
 namespace {
 
 using Json = nlohmann::json;
@@ -56,20 +58,6 @@ std::string text(const Json& event, const char* key) {
     return found != event.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
-std::string escaped(const std::string& raw) {
-    std::string out;
-    for (char c : raw) {
-        switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
-        }
-    }
-    return out;
-}
-
 __attribute__((format(printf, 1, 2))) std::string format(const char* pattern, ...) {
     char buffer[160];
     va_list args;
@@ -88,7 +76,7 @@ std::string duration(double us) {
 
 Panel panel_of(const Json& event) {
     Panel p;
-    p.title = format("line %.0f: ", number(event, "line")) + escaped(text(event, "command")) +
+    p.title = format("line %.0f: ", number(event, "line")) + xml_text(text(event, "command")) +
               format(", %.0f records at depth %.0f, %.3f MB/s, p99 %.0f us", number(event, "records"),
                      number(event, "depth"), number(event, "MB_per_s"), number(event, "lat_p99_us"));
     p.interval_us = std::max(1.0, number(event, "interval_us"));
@@ -108,7 +96,7 @@ Panel panel_of(const Json& event) {
     auto faults = event.find("faults");
     if (faults != event.end() && faults->is_array()) {
         for (const Json& fault : *faults) {
-            if (fault.is_object()) p.marks.push_back({number(fault, "at_us"), escaped(text(fault, "what"))});
+            if (fault.is_object()) p.marks.push_back({number(fault, "at_us"), xml_text(text(fault, "what"))});
         }
     }
     return p;
