@@ -45,6 +45,18 @@ void give_terminal(pid_t group) {
     _exit(127);
 }
 
+// Ctrl-Z stopped the command, which has the terminal. The run stops with
+// it, as a shell's job does, so that the shell that started the tool gets
+// the terminal back; on fg that shell continues the tool, which hands the
+// terminal on and continues the command. (Where no shell can continue the
+// tool, the stop is discarded and the command goes on at once.)
+void stop_with_command(pid_t group) {
+    give_terminal(getpgrp());
+    kill(0, SIGTSTP);
+    if (tcgetpgrp(STDIN_FILENO) == getpgrp()) give_terminal(group);
+    kill(-group, SIGCONT);
+}
+
 }  // namespace
 
 int run_shell_command(const char* command) {
@@ -80,7 +92,12 @@ int run_shell_command(const char* command) {
 
     int status = 0;
     pid_t waited = -1;
-    while ((waited = waitpid(child, &status, 0)) < 0 && errno == EINTR) {}
+    for (;;) {
+        waited = waitpid(child, &status, terminal ? WUNTRACED : 0);
+        if (waited < 0 && errno == EINTR) continue;
+        if (waited != child || !WIFSTOPPED(status)) break;
+        stop_with_command(child);
+    }
     const int saved = waited == child ? entry_errno : errno;
     shell_group = 0;
     if (terminal) {

@@ -1,0 +1,26 @@
+#!/bin/sh
+# Ctrl-Z while a system statement's command has the terminal stops the whole
+# run as a job of the shell that started it (its prompt comes back); fg
+# continues the command and the run. Usage: job_stop.sh TARNWICK. Status 77
+# (skip) without tmux or bash.
+command -v tmux > /dev/null && command -v bash > /dev/null || exit 77
+work=$(mktemp -d) socket="tarnwick-stop-$$"
+trap 'tmux -L "$socket" kill-server 2> /dev/null; rm -rf "$work"' EXIT
+printf 'system sleep 1; echo command-went-on\ntype after\n' > "$work/s.tw"
+tmux -L "$socket" -f /dev/null new-session -d -s job -x 132 -y 50 "cd '$work' && PS1='prompt> ' bash --norc -i"
+on() {  # waits until the pane shows TEXT, then types the keys
+    text=$1; shift
+    for _ in $(seq 150); do
+        tmux -L "$socket" capture-pane -p -J -S - -t job > "$work/pane" 2> /dev/null
+        grep -qF -- "$text" "$work/pane" && { [ $# -eq 0 ] || tmux -L "$socket" send-keys -t job "$@"; return 0; }
+        sleep 0.1
+    done
+    echo "gave up waiting for '$text'; the pane shows:"; cat "$work/pane"; exit 1
+}
+on 'prompt> ' "'$1' -f s.tw -o s.out" Enter
+on '<-t>' C-z
+on 'Stopped' fg Enter
+on 'command-went-on'
+on ' after' 'echo ended-$?' Enter
+on 'ended-0'
+if ! grep -q 'command returned rc 0' "$work/s.out" || ! grep -q 'Batch test end rc=0' "$work/s.out"; then cat "$work/s.out"; exit 1; fi
