@@ -302,7 +302,18 @@ int run(std::string dir, bool dir_given, int argc, char** argv) {
     running_group = child;
     sigprocmask(SIG_SETMASK, &previous, nullptr);
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {}
+    for (;;) {
+        const pid_t waited = waitpid(child, &status, terminal ? WUNTRACED : 0);
+        if (waited < 0 && errno == EINTR) continue;
+        if (waited != child || !WIFSTOPPED(status)) break;
+        // Ctrl-Z stopped the program, which has the terminal: run stops
+        // with it, as one job of the shell that started run, which then
+        // gets the terminal back; fg continues run, and run the program.
+        give_terminal(getpgrp());
+        kill(0, SIGTSTP);
+        if (tcgetpgrp(STDIN_FILENO) == getpgrp()) give_terminal(child);
+        kill(-child, SIGCONT);
+    }
     sigprocmask(SIG_BLOCK, &forwarded, nullptr);
     running_group = 0;
     if (terminal) give_terminal(getpgrp());
