@@ -69,6 +69,7 @@ bool make_scratch(const Options& o, Scratch* s, std::string* error);
 void remove_scratch(const Scratch& s);
 void keep_scratch(const Scratch& s);  // for --keep: never swept
 void sweep_stale_scratch();
+std::string temporary_directory();  // $TMPDIR, else /tmp
 Masks masks_of(const Scratch& s);
 
 struct RunResult {

@@ -53,8 +53,7 @@ bool diff_of(const std::vector<std::string>& options, const std::string& a, cons
 
 // A scratch folder for two files to compare, or "" (said on standard error).
 std::string compare_folder() {
-    const char* tmp = getenv("TMPDIR");
-    std::string dir = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarnwick-check.XXXXXX";
+    std::string dir = temporary_directory() + "/tarnwick-check.XXXXXX";
     if (mkdtemp(dir.data()) != nullptr) return dir;
     std::fprintf(stderr, "tarnwick-check: scratch folder %s: %s\n", dir.c_str(), std::strerror(errno));
     return {};

@@ -173,14 +173,10 @@ void handle_ending_signals() {
 
 int caught_signal() { return g_signal; }
 
-namespace {
-
 std::string temporary_directory() {
     const char* tmp = getenv("TMPDIR");
     return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
 }
-
-}  // namespace
 
 // A scratch folder holds a "lock" file locked while its checker or the
 // supervisor lives. One whose lock nobody holds (both killed outright) is
